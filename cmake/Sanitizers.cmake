@@ -1,0 +1,10 @@
+# Sanitizer flags for the whole build (our code and the tests), chosen by SONORELL_SANITIZE.
+if(SONORELL_SANITIZE STREQUAL "asan")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(SONORELL_SANITIZE STREQUAL "tsan")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT SONORELL_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "SONORELL_SANITIZE must be asan, tsan or empty")
+endif()

@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Configures and builds one flavour: default (build/), asan (build-asan/, ASan+UBSan) or tsan
+# (build-tsan/, only the thread-sensitive test binaries). Extra arguments go to the build tool.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+flavour=${1:-default}
+shift || true
+case "$flavour" in
+  default) dir=build; args=() ;;
+  asan) dir=build-asan; args=(-DSONORELL_SANITIZE=asan -DSONORELL_BUILD_BENCH=OFF) ;;
+  tsan) dir=build-tsan; args=(-DSONORELL_SANITIZE=tsan -DSONORELL_BUILD_BENCH=OFF
+                             -DSONORELL_BUILD_TOOLS=OFF "-DSONORELL_TEST_FILTER=dispatch") ;;
+  *) echo "usage: $0 [default|asan|tsan]" >&2; exit 2 ;;
+esac
+
+jobs=${SONORELL_JOBS:-$(nproc)}
+cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "${args[@]}" >/dev/null
+cmake --build "$dir" -j "$jobs" "$@"

@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# The whole check: install what is missing, build, run every test, then the same tests under
+# ASan+UBSan, then the thread-sensitive tests under TSan.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/setup.sh
+jobs=$(nproc)
+
+run_ctest() {
+  # Sanitizer runtimes need a fixed mmap layout on kernels with high ASLR entropy.
+  local prefix=()
+  if [ "$2" != default ] && command -v setarch >/dev/null; then prefix=(setarch "$(uname -m)" -R); fi
+  "${prefix[@]}" ctest --test-dir "$1" --output-on-failure -j "$jobs" --timeout 300
+}
+
+echo "== build"
+bash scripts/build.sh default
+echo "== tests"
+run_ctest build default
+
+echo "== build (ASan+UBSan)"
+bash scripts/build.sh asan
+echo "== tests (ASan+UBSan)"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run_ctest build-asan asan
+
+echo "== build (TSan)"
+bash scripts/build.sh tsan
+echo "== tests (TSan)"
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_ctest build-tsan tsan
