@@ -1,0 +1,45 @@
+// QSOSonorell: the one engine object a host obtains. It owns the download and playback engines,
+// runs the legacy migrations on first use and sets up logging and the stores at launch. Both
+// run-once steps are guarded by their own once-flags; the engine pointers never change.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string_view>
+
+#include "sonorell/download_engine.h"
+#include "sonorell/export.h"
+#include "sonorell/playback_engine.h"
+
+namespace sonorell {
+
+class SONORELL_EXPORT QSOSonorell {
+ public:
+  // The one engine, created on the first call (after the legacy migrations ran, once).
+  static std::shared_ptr<QSOSonorell> sharedEngine();
+  static std::string_view currentVersion();
+  // Where the engine keeps its files; only honoured before anything used the Library directory.
+  static void setLibraryDirectory(const std::filesystem::path& path);
+
+  // Hosts use sharedEngine(); this only creates the two sub-engines.
+  QSOSonorell();
+
+  std::shared_ptr<QSODownloadEngine> downloadEngine() const { return downloadEngine_; }
+  std::shared_ptr<QSOPlaybackEngine> playbackEngine() const { return playbackEngine_; }
+
+  // Sets up logging, then the stores; runs once per process however often it is called.
+  void didFinishLaunching();
+  // Posts "QLBackgrounded" with { "background": "YES" }.
+  void didEnterBackground();
+  // Kept for the host's sake; nothing needs doing yet at termination.
+  void willTerminate();
+
+  void setUpLogging();
+  void setUpDBs();
+
+ private:
+  const std::shared_ptr<QSODownloadEngine> downloadEngine_;
+  const std::shared_ptr<QSOPlaybackEngine> playbackEngine_;
+};
+
+}  // namespace sonorell

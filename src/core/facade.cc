@@ -1,0 +1,59 @@
+#include "sonorell/facade.h"
+
+#include <mutex>
+
+#include "persistence/filesystem_helper.h"
+#include "persistence/legacy_migration.h"
+#include "platform/foundation/library_directory.h"
+#include "sonorell/log_engine.h"
+#include "sonorell/notification_poster.h"
+#include "sonorell/version.h"
+
+namespace sonorell {
+
+std::shared_ptr<QSOSonorell> QSOSonorell::sharedEngine() {
+  static std::once_flag once;
+  static std::shared_ptr<QSOSonorell> engine;
+  std::call_once(once, [] {
+    // The migrations run before either sub-engine exists, on whichever thread asked first.
+    LegacyMigration::migrateFromCoreData();
+    FilesystemMigration::migrate();
+    engine = std::make_shared<QSOSonorell>();
+  });
+  return engine;
+}
+
+std::string_view QSOSonorell::currentVersion() { return kSonorellVersion; }
+
+void QSOSonorell::setLibraryDirectory(const std::filesystem::path& path) {
+  LibraryDirectory::setPath(path);
+}
+
+QSOSonorell::QSOSonorell()
+    : downloadEngine_(std::make_shared<QSODownloadEngine>()),
+      playbackEngine_(std::make_shared<QSOPlaybackEngine>()) {}
+
+void QSOSonorell::didFinishLaunching() {
+  static std::once_flag once;
+  std::call_once(once, [this] {
+    setUpLogging();
+    setUpDBs();
+  });
+}
+
+void QSOSonorell::setUpLogging() {
+  QSOLogEngine::setLogger(UnifiedLog::create("io.sonorell", "sdk"));
+}
+
+void QSOSonorell::setUpDBs() { FilesystemHelper::createSupportDirectory(); }
+
+void QSOSonorell::didEnterBackground() {
+  Dictionary info;
+  info.emplace("background", "YES");
+  QSONotificationPoster::sharedPoster()->postNotificationWithName("QLBackgrounded",
+                                                                  std::move(info));
+}
+
+void QSOSonorell::willTerminate() {}
+
+}  // namespace sonorell

@@ -1,0 +1,102 @@
+#include "platform/foundation/library_directory.h"
+
+#include <errno.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <mutex>
+
+namespace sonorell {
+
+namespace {
+std::mutex gMutex;
+std::optional<std::filesystem::path> gHostPath;
+std::optional<std::filesystem::path> gResolved;
+bool gResolvedOnce = false;
+
+std::string programName() {
+  std::ifstream comm("/proc/self/comm");
+  std::string name;
+  if (std::getline(comm, name) && !name.empty()) return name;
+  return "sonorell";
+}
+
+std::optional<std::filesystem::path> resolve() {
+  if (gHostPath) return gHostPath;
+  if (const char* dir = std::getenv("SONORELL_LIBRARY_DIR"); dir && *dir) {
+    return std::filesystem::path(dir);
+  }
+  std::filesystem::path base;
+  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg) {
+    base = xdg;
+  } else if (const char* home = std::getenv("HOME"); home && *home) {
+    base = std::filesystem::path(home) / ".local" / "share";
+  } else {
+    return std::nullopt;
+  }
+  return base / programName();
+}
+}  // namespace
+
+void LibraryDirectory::setPath(std::filesystem::path path) {
+  std::lock_guard lock(gMutex);
+  if (!gResolvedOnce) gHostPath = std::move(path);
+}
+
+std::optional<std::filesystem::path> LibraryDirectory::path() {
+  std::lock_guard lock(gMutex);
+  if (!gResolvedOnce) {
+    gResolvedOnce = true;
+    gResolved = resolve();
+    std::error_code error;
+    if (gResolved && !createDirectories(*gResolved, error)) gResolved.reset();
+  }
+  return gResolved;
+}
+
+void LibraryDirectory::resetForTesting() {
+  std::lock_guard lock(gMutex);
+  gHostPath.reset();
+  gResolved.reset();
+  gResolvedOnce = false;
+}
+
+bool LibraryDirectory::createDirectories(const std::filesystem::path& dir, std::error_code& error) {
+  error.clear();
+  if (dir.empty()) {
+    error = std::make_error_code(std::errc::invalid_argument);
+    return false;
+  }
+  std::filesystem::path partial;
+  for (const auto& piece : dir) {
+    partial /= piece;
+    if (::mkdir(partial.c_str(), 0700) != 0 && errno != EEXIST) {
+      error = std::error_code(errno, std::generic_category());
+      return false;
+    }
+  }
+  if (!std::filesystem::is_directory(dir, error)) {
+    if (!error) error = std::make_error_code(std::errc::not_a_directory);
+    return false;
+  }
+  return true;
+}
+
+void LibraryDirectory::excludeFromBackup(const std::filesystem::path& dir) {
+  static const char kValue[] = "false";
+  ::setxattr(dir.c_str(), "user.xdg.robots.backup", kValue, sizeof kValue - 1, 0);
+}
+
+void LibraryDirectory::writeCacheDirTag(const std::filesystem::path& dir) {
+  auto tag = dir / "CACHEDIR.TAG";
+  std::error_code error;
+  if (std::filesystem::exists(tag, error)) return;
+  std::ofstream out(tag);
+  out << "Signature: 8a477f597d28d172789f06886806bc55\n"
+         "# This file marks the directory as cache data (downloaded audio) for backup tools.\n";
+}
+
+}  // namespace sonorell

@@ -1,0 +1,116 @@
+// Start-up of the engine as a host drives it: one engine and one migration run however many
+// threads ask, launch set-up once, the background notification, and the legacy file move.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <barrier>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+#include <vector>
+
+#include "persistence/filesystem_helper.h"
+#include "sonorell/facade.h"
+#include "sonorell/log_engine.h"
+#include "support/notification_recorder.h"
+#include "support/recording_listener.h"
+#include "support/temp_library.h"
+
+namespace sonorell {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::NotificationRecorder;
+using testing::RecordingListener;
+using testing::TempLibrary;
+
+class FacadeTest : public ::testing::Test {
+ protected:
+  void SetUp() override { QSOLogEngine::setListener(listener); }
+  void TearDown() override { QSOLogEngine::setListener(nullptr); }
+  TempLibrary library;
+  std::shared_ptr<RecordingListener> listener = std::make_shared<RecordingListener>();
+};
+
+TEST_F(FacadeTest, RacingThreadsGetOneEngineAndOneMigrationRun) {
+  constexpr int kThreads = 8;
+  std::barrier start(kThreads);
+  std::vector<std::shared_ptr<QSOSonorell>> seen(kThreads);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&, i] {
+      start.arrive_and_wait();
+      seen[i] = QSOSonorell::sharedEngine();
+    });
+  }
+  for (auto& t : threads) t.join();
+  for (const auto& engine : seen) {
+    ASSERT_NE(engine, nullptr);
+    EXPECT_EQ(engine, seen[0]);
+  }
+  EXPECT_NE(seen[0]->downloadEngine(), nullptr);
+  EXPECT_NE(seen[0]->playbackEngine(), nullptr);
+  EXPECT_EQ(listener->count("[Migration] No legacy download information found"), 1u);
+  EXPECT_EQ(listener->count("[FilesystemMigration] No legacy chapter files found"), 1u);
+}
+
+class CountingLog : public UnifiedLog {
+ public:
+  bool isEnabled(LogType) const override { return true; }
+  void emit(LogType, const char*) override {}
+};
+
+TEST_F(FacadeTest, DidFinishLaunchingSetsUpOnce) {
+  auto engine = QSOSonorell::sharedEngine();
+  auto hostLog = std::make_shared<CountingLog>();
+  QSOLogEngine::setLogger(hostLog);
+  engine->didFinishLaunching();
+  EXPECT_NE(QSOLogEngine::logger(), hostLog) << "launch installs the engine's own log";
+  EXPECT_TRUE(fs::is_directory(FilesystemHelper::supportDirectory()));
+
+  QSOLogEngine::setLogger(hostLog);
+  fs::remove_all(FilesystemHelper::supportDirectory());
+  std::thread other([&] { engine->didFinishLaunching(); });
+  engine->didFinishLaunching();
+  other.join();
+  EXPECT_EQ(QSOLogEngine::logger(), hostLog) << "logging was set up a second time";
+  EXPECT_FALSE(fs::exists(FilesystemHelper::supportDirectory())) << "stores set up a second time";
+}
+
+TEST_F(FacadeTest, EnteringTheBackgroundPostsExactlyBackgroundYes) {
+  NotificationRecorder recorder("QLBackgrounded");
+  QSOSonorell::sharedEngine()->didEnterBackground();
+  ASSERT_TRUE(recorder.waitFor(1));
+  auto received = recorder.received();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0].userInfo, (Dictionary{{"background", Value("YES")}}));
+}
+
+TEST_F(FacadeTest, VersionIs658) { EXPECT_EQ(QSOSonorell::currentVersion(), "6.5.8"); }
+
+TEST_F(FacadeTest, FlatChapterFilesOfEarlierVersionsMoveIntoTheirAudiobookDirectory) {
+  fs::path audio = FilesystemHelper::audioParentDirectory();
+  fs::create_directories(audio);
+  std::ofstream(audio / "123_0_1_audio.mp3") << "chapter one";
+  std::ofstream(audio / "notes.txt") << "not a chapter";
+
+  QSOSonorell::sharedEngine();
+
+  QSOChapterDescription chapter("123", 0, 1);
+  EXPECT_TRUE(FilesystemHelper::fileExists(chapter));
+  EXPECT_FALSE(fs::exists(audio / "123_0_1_audio.mp3"));
+  EXPECT_TRUE(fs::exists(audio / "notes.txt"));
+  EXPECT_EQ(listener->count("[FilesystemMigration] Moved 1 chapter files"), 1u);
+}
+
+TEST_F(FacadeTest, ALegacyDownloadStoreIsReportedAndLeftInPlace) {
+  fs::path support = FilesystemHelper::supportDirectory();
+  fs::create_directories(support);
+  std::ofstream(support / "DownloadInfo.sqlite") << "legacy";
+  QSOSonorell::sharedEngine();
+  EXPECT_TRUE(fs::exists(support / "DownloadInfo.sqlite"));
+  EXPECT_EQ(listener->count("[Migration] Legacy download information found"), 1u);
+}
+
+}  // namespace
+}  // namespace sonorell
