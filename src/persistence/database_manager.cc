@@ -1,0 +1,363 @@
+#include "persistence/database_manager.h"
+
+#include <sqlite3.h>
+
+#include <mutex>
+
+#include "persistence/download_request_store.h"
+#include "persistence/filesystem_helper.h"
+#include "sonorell/format.h"
+#include "sonorell/log_engine.h"
+
+namespace sonorell {
+
+namespace {
+constexpr uint64_t kCurrentVersion = 1;
+
+// Prepares the statement and binds its values. Null on a failed prepare.
+sqlite3_stmt* prepare(sqlite3* db, const SqlQuery& query) {
+  sqlite3_stmt* statement = nullptr;
+  if (sqlite3_prepare_v2(db, query.sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+    sqlite3_finalize(statement);
+    return nullptr;
+  }
+  for (size_t i = 0; i < query.params.size(); ++i) {
+    int index = static_cast<int>(i) + 1;
+    const SqlValue& value = query.params[i];
+    if (auto* n = std::get_if<int64_t>(&value)) {
+      sqlite3_bind_int64(statement, index, *n);
+    } else if (auto* d = std::get_if<double>(&value)) {
+      sqlite3_bind_double(statement, index, *d);
+    } else if (auto* s = std::get_if<std::string>(&value)) {
+      sqlite3_bind_text(statement, index, s->data(), static_cast<int>(s->size()), SQLITE_TRANSIENT);
+    } else {
+      sqlite3_bind_null(statement, index);
+    }
+  }
+  return statement;
+}
+}  // namespace
+
+std::shared_ptr<QSODatabaseManager> QSODatabaseManager::sharedManager() {
+  static std::once_flag once;
+  static std::shared_ptr<QSODatabaseManager> manager;
+  std::call_once(once, [] { manager = std::make_shared<QSODatabaseManager>(); });
+  return manager;
+}
+
+std::string QSODatabaseManager::databasePath() {
+  std::string path = FilesystemHelper::metadataDatabasePath().string();
+  LogEngineInfo("[QSODatabaseManager] Database Path: %@", path);
+  return path;
+}
+
+std::string QSODatabaseManager::getVersionQuery() { return "PRAGMA user_version"; }
+
+std::string QSODatabaseManager::setVersionQuery() {
+  return stringWithFormat("PRAGMA user_version = %lu", kCurrentVersion);
+}
+
+QSODatabaseManager::QSODatabaseManager()
+    : databaseQueue_(DispatchQueue::create("io.sonorell.database")) {
+  openDatabaseConnection();
+}
+
+QSODatabaseManager::~QSODatabaseManager() { sqlite3_close(database_); }
+
+std::string QSODatabaseManager::errorMessage() const {
+  return database_ ? sqlite3_errmsg(database_) : "out of memory";
+}
+
+void QSODatabaseManager::openDatabaseConnection() {
+  FilesystemHelper::createSupportDirectory();
+  if (sqlite3_open(databasePath().c_str(), &database_) != SQLITE_OK) {
+    LogEngineError("[QSODatabaseManager] Error opening database: %@", errorMessage());
+  }
+  if (database_) {
+    // Readers and the one writer do not block each other; a crash mid-write loses nothing.
+    sqlite3_exec(database_, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
+    sqlite3_busy_timeout(database_, 5000);
+  }
+  if (!versionMigrationAndSetup()) {
+    LogEngineError("[QSODatabaseManager] Error setting up database: %@", errorMessage());
+  }
+}
+
+uint64_t QSODatabaseManager::getDatabaseVersion() {
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v2(database_, getVersionQuery().c_str(), -1, &statement, nullptr);
+  uint64_t version = 0;
+  if (statement && sqlite3_step(statement) == SQLITE_ROW) {
+    version = static_cast<uint64_t>(sqlite3_column_int64(statement, 0));
+  } else {
+    LogEngineError("[QSODatabaseManager] Error getting version: %@", errorMessage());
+  }
+  sqlite3_finalize(statement);
+  return version;
+}
+
+bool QSODatabaseManager::setDatabaseVersion() {
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v2(database_, setVersionQuery().c_str(), -1, &statement, nullptr);
+  bool done = statement && sqlite3_step(statement) == SQLITE_DONE;
+  if (!done) LogEngineError("[QSODatabaseManager] Error setting version: %@", errorMessage());
+  sqlite3_finalize(statement);
+  return done;
+}
+
+bool QSODatabaseManager::versionMigrationAndSetup() {
+  uint64_t version = getDatabaseVersion();
+  if (version == kCurrentVersion) {
+    LogEngineVerbose("[QSODatabaseManager] Database version %lu is current version, no migration",
+                     kCurrentVersion);
+    return true;
+  }
+  if (version == 0) {
+    LogEngineVerbose("[QSODatabaseManager] Database version %lu. New database, no migration",
+                     uint64_t{0});
+    if (!createTables()) {
+      LogEngineError("[QSODatabaseManager] Error creating database tables: %@", errorMessage());
+      return false;
+    }
+    return true;
+  }
+  // One schema only: any other number is simply re-stamped.
+  LogEngineVerbose("[QSODatabaseManager] Database migration from %lu to %lu", version,
+                   kCurrentVersion);
+  setDatabaseVersion();
+  return true;
+}
+
+bool QSODatabaseManager::createTables() {
+  bool ok = true;
+  for (const SqlQuery& query :
+       {QSODownloadRequestDatabaseHelper::createTableQuery(),
+        QSOAudiobookStatus::createTableQuery(), QSOChapterStatus::createTableQuery()}) {
+    sqlite3_stmt* statement = prepare(database_, query);
+    if (!statement || sqlite3_step(statement) != SQLITE_DONE) {
+      LogEngineError("[QSODatabaseManager] Error creating table: %@", errorMessage());
+      ok = false;
+    }
+    sqlite3_finalize(statement);
+  }
+  bool stamped = setDatabaseVersion();
+  return ok && stamped;
+}
+
+bool QSODatabaseManager::write(const SqlQuery& query, std::string_view logFormat,
+                               std::string_view errorFormat) {
+  LogEngineVerbose(logFormat, query.text);
+  sqlite3_stmt* statement = prepare(database_, query);
+  bool done = statement && sqlite3_step(statement) == SQLITE_DONE;
+  if (!done) LogEngineError(errorFormat, errorMessage());
+  sqlite3_finalize(statement);
+  return done;
+}
+
+bool QSODatabaseManager::queuedWrite(const SqlQuery& query, std::string_view logFormat,
+                                     std::string_view errorFormat) {
+  bool done = false;
+  databaseQueue_->sync([&] { done = write(query, logFormat, errorFormat); });
+  return done;
+}
+
+template <class T, class Reader>
+std::vector<T> QSODatabaseManager::read(const SqlQuery& query, Reader reader) {
+  std::vector<T> rows;
+  databaseQueue_->sync([&] {
+    LogEngineVerbose("Get query: %@", query.text);
+    sqlite3_stmt* statement = prepare(database_, query);
+    if (statement) {
+      for (int step = sqlite3_step(statement); step == SQLITE_ROW; step = sqlite3_step(statement)) {
+        if (auto row = reader(SqlRow(statement))) rows.push_back(std::move(*row));
+      }
+    }
+    sqlite3_finalize(statement);
+  });
+  return rows;
+}
+
+namespace {
+template <class T>
+std::string describeRows(const std::vector<T>& rows) {
+  std::string out = "(\n";
+  for (size_t i = 0; i < rows.size(); ++i) {
+    if constexpr (std::is_same_v<T, std::string>) {
+      out += "    " + rows[i];
+    } else if constexpr (requires { rows[i]->description(); }) {
+      out += "    " + rows[i]->description();
+    } else {
+      out += "    " + rows[i].description();
+    }
+    out += i + 1 < rows.size() ? ",\n" : "\n";
+  }
+  return out + ")";
+}
+
+std::optional<std::string> firstColumnText(const SqlRow& row) { return row.text(0); }
+}  // namespace
+
+bool QSODatabaseManager::insertRequest(const QSODownloadRequest& request) {
+  return queuedWrite(QSODownloadRequestDatabaseHelper::insertQuery(request), "Insert query: %@",
+                     "[QSODatabaseManager] Error inserting request: %@");
+}
+
+std::vector<QSODownloadRequest> QSODatabaseManager::getRequests() {
+  auto rows = read<QSODownloadRequest>(QSODownloadRequestDatabaseHelper::getAllQuery(),
+                                       QSODownloadRequestDatabaseHelper::initWithStatement);
+  LogEngineVerbose("Fetched a thing: %@", describeRows(rows));
+  return rows;
+}
+
+std::optional<QSODownloadRequest> QSODatabaseManager::getRequestForIdentifier(
+    const std::string& identifier) {
+  auto rows =
+      read<QSODownloadRequest>(QSODownloadRequestDatabaseHelper::getWithIdentifierQuery(identifier),
+                               QSODownloadRequestDatabaseHelper::initWithStatement);
+  std::optional<QSODownloadRequest> first;
+  if (!rows.empty()) first = rows.front();
+  LogEngineVerbose("Fetched a thing: %@", first);
+  return first;
+}
+
+bool QSODatabaseManager::deleteRequestForIdentifier(const std::string& identifier) {
+  return queuedWrite(QSODownloadRequestDatabaseHelper::deleteWithIdentifierQuery(identifier),
+                     "delete query: %@", "[QSODatabaseManager] Error deleting request: %@");
+}
+
+bool QSODatabaseManager::insertAudiobookStatus(const QSOAudiobookStatus& status) {
+  return queuedWrite(QSOAudiobookStatus::insertQuery(status), "Insert query: %@",
+                     "[QSODatabaseManager] Error inserting audiobook status: %@");
+}
+
+std::vector<std::string> QSODatabaseManager::getAllAudiobookIdentifiers() {
+  auto rows = read<std::string>(QSOAudiobookStatus::getAllIdentifiersQuery(), firstColumnText);
+  LogEngineVerbose("Fetched a thing: %@", describeRows(rows));
+  return rows;
+}
+
+std::vector<QSOAudiobookStatusPtr> QSODatabaseManager::getAllAudiobookStatuses() {
+  auto rows = read<QSOAudiobookStatusPtr>(QSOAudiobookStatus::getAllQuery(),
+                                          QSOAudiobookStatus::initWithStatement);
+  LogEngineVerbose("Fetched a thing: %@", describeRows(rows));
+  return rows;
+}
+
+std::vector<std::string> QSODatabaseManager::getAudiobookIdentifiersForDownloadStatus(
+    uint64_t status) {
+  auto rows = read<std::string>(
+      QSOAudiobookStatus::getWithDownloadStatusAudiobookIdentifierQuery(status), firstColumnText);
+  LogEngineVerbose("Fetched a thing: %@", describeRows(rows));
+  return rows;
+}
+
+QSOAudiobookStatusPtr QSODatabaseManager::getAudiobookStatusForIdentifier(
+    const std::string& identifier) {
+  auto rows = read<QSOAudiobookStatusPtr>(
+      QSOAudiobookStatus::getWithAudiobookIdentifierIdentifierQuery(identifier),
+      QSOAudiobookStatus::initWithStatement);
+  QSOAudiobookStatusPtr first = rows.empty() ? nullptr : rows.front();
+  LogEngineVerbose("Fetched a thing: %@", first);
+  return first;
+}
+
+bool QSODatabaseManager::deleteAudiobookStatusForIdentifier(const std::string& identifier) {
+  return queuedWrite(QSOAudiobookStatus::deleteWithAudiobookIdentifierQuery(identifier),
+                     "delete query: %@",
+                     "[QSODatabaseManager] Error deleting audiobook status: %@");
+}
+
+bool QSODatabaseManager::performUpdates(const std::vector<SqlQuery>& assignments,
+                                        const std::string& audiobookIdentifier) {
+  return queuedWrite(QSOAudiobookStatus::updateQueryProperties(assignments, audiobookIdentifier),
+                     "update query: %@",
+                     "[QSODatabaseManager] Error updating audiobook status: %@");
+}
+
+bool QSODatabaseManager::insertChapterStatuses(const std::vector<QSOChapterStatusPtr>& statuses) {
+  bool result = true;
+  databaseQueue_->sync([&] {
+    char* error = nullptr;
+    LogEngineVerbose("Transaction query: %@", "BEGIN TRANSACTION");
+    if (sqlite3_exec(database_, "BEGIN TRANSACTION", nullptr, nullptr, &error) != SQLITE_OK) {
+      LogEngineError("Error beginning insert transaction: %@", error);
+      sqlite3_free(error);
+      result = false;
+      return;
+    }
+    // A failed row does not stop the others: the good rows are committed (no rollback).
+    for (const auto& status : statuses) {
+      if (!status || !insertChapterStatus(*status)) result = false;
+    }
+    LogEngineVerbose("Transaction query: %@", "COMMIT TRANSACTION");
+    if (sqlite3_exec(database_, "COMMIT TRANSACTION", nullptr, nullptr, &error) != SQLITE_OK) {
+      LogEngineError("Error committing insert transaction: %@", error);
+      sqlite3_free(error);
+      result = false;
+    }
+  });
+  return result;
+}
+
+bool QSODatabaseManager::insertChapterStatus(const QSOChapterStatus& status) {
+  return write(QSOChapterStatus::insertQuery(status), "Insert query: %@",
+               "[QSODatabaseManager] Error inserting chapter status: %@");
+}
+
+std::vector<QSOChapterStatusPtr> QSODatabaseManager::getAllChapterStatusesForAudiobookIdentifier(
+    const std::string& identifier) {
+  auto rows =
+      read<QSOChapterStatusPtr>(QSOChapterStatus::getAllForAudiobookIdentifierQuery(identifier),
+                                QSOChapterStatus::initWithStatement);
+  LogEngineVerbose("Fetched a thing: %@", describeRows(rows));
+  return rows;
+}
+
+QSOChapterStatusPtr QSODatabaseManager::getChapterStatusForChapterDescription(
+    const QSOChapterDescription& chapter) {
+  auto rows =
+      read<QSOChapterStatusPtr>(QSOChapterStatus::getForChapterChapterDescriptionQuery(chapter),
+                                QSOChapterStatus::initWithStatement);
+  QSOChapterStatusPtr first = rows.empty() ? nullptr : rows.front();
+  LogEngineVerbose("Fetched a thing: %@", first);
+  return first;
+}
+
+bool QSODatabaseManager::deleteChapterStatusesForAudiobookIdentifier(
+    const std::string& identifier) {
+  return queuedWrite(QSOChapterStatus::deleteAllForAudiobookIdentifierQuery(identifier),
+                     "delete query: %@", "[QSODatabaseManager] Error deleting chapter status: %@");
+}
+
+bool QSODatabaseManager::performUpdates(const std::vector<SqlQuery>& assignments,
+                                        const QSOChapterDescription& chapter) {
+  return queuedWrite(QSOChapterStatus::updateQueryProperties(assignments, chapter),
+                     "update query: %@", "[QSODatabaseManager] Error updating chapter status: %@");
+}
+
+bool QSODatabaseManager::performChapterUpdates(const std::vector<SqlQuery>& assignments,
+                                               const std::string& audiobookIdentifier) {
+  return queuedWrite(QSOChapterStatus::updateQueryProperties(assignments, audiobookIdentifier),
+                     "update query: %@", "[QSODatabaseManager] Error updating chapter status: %@");
+}
+
+bool QSODatabaseManager::performChapterUpdates(const std::vector<SqlQuery>& assignments,
+                                               const std::vector<uint64_t>& chapterIdentifiers) {
+  return queuedWrite(QSOChapterStatus::updateQueryProperties(assignments, chapterIdentifiers),
+                     "update query: %@", "[QSODatabaseManager] Error updating chapter status: %@");
+}
+
+bool QSODatabaseManager::deleteAll() {
+  bool ok = true;
+  databaseQueue_->sync([&] {
+    for (std::string_view table : {"downloadRequests", "audiobookStatus", "chapterStatus"}) {
+      if (!write(sqlFormat("DELETE FROM %@", SqlName{table}), "delete query: %@",
+                 "[QSODatabaseManager] Error delete table contents: %@")) {
+        ok = false;
+      }
+    }
+  });
+  return ok;
+}
+
+}  // namespace sonorell
