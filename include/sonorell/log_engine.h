@@ -54,6 +54,9 @@ class SONORELL_EXPORT QSOLogEngine {
 
   // Prefixes, hands to the listener and emits one already formatted message.
   static void log(LogType type, std::string_view message);
+  // Whether a line of this type would reach anyone (a listener, or the log with the type
+  // enabled); lets the logging functions skip formatting lines nobody receives.
+  static bool isWanted(LogType type);
 };
 
 // "[6.5.8] message".
@@ -61,18 +64,22 @@ SONORELL_EXPORT std::string prepareFormat(std::string_view message);
 
 template <class... A>
 void LogEngineError(std::string_view format, const A&... args) {
+  if (!QSOLogEngine::isWanted(LogType::Error)) return;
   QSOLogEngine::log(LogType::Error, stringWithFormat(format, args...));
 }
 template <class... A>
 void LogEngineWarning(std::string_view format, const A&... args) {
+  if (!QSOLogEngine::isWanted(LogType::Default)) return;
   QSOLogEngine::log(LogType::Default, stringWithFormat(format, args...));
 }
 template <class... A>
 void LogEngineInfo(std::string_view format, const A&... args) {
+  if (!QSOLogEngine::isWanted(LogType::Info)) return;
   QSOLogEngine::log(LogType::Info, stringWithFormat(format, args...));
 }
 template <class... A>
 void LogEngineVerbose(std::string_view format, const A&... args) {
+  if (!QSOLogEngine::isWanted(LogType::Debug)) return;
   QSOLogEngine::log(LogType::Debug, stringWithFormat(format, args...));
 }
 

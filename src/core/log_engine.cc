@@ -45,6 +45,12 @@ std::string prepareFormat(std::string_view message) {
   return line;
 }
 
+bool QSOLogEngine::isWanted(LogType type) {
+  if (gListener.load(std::memory_order_relaxed)) return true;
+  auto logger = loggerSlot().load();
+  return logger && logger->isEnabled(type);
+}
+
 void QSOLogEngine::log(LogType type, std::string_view message) {
   const std::string line = prepareFormat(message);
   // The level is deliberately not consulted: hosts capture everything through the listener.

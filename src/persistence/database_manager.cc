@@ -14,13 +14,8 @@ namespace sonorell {
 namespace {
 constexpr uint64_t kCurrentVersion = 1;
 
-// Prepares the statement and binds its values. Null on a failed prepare.
-sqlite3_stmt* prepare(sqlite3* db, const SqlQuery& query) {
-  sqlite3_stmt* statement = nullptr;
-  if (sqlite3_prepare_v2(db, query.sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
-    sqlite3_finalize(statement);
-    return nullptr;
-  }
+// Binds the query's values to a prepared statement.
+void bind(sqlite3_stmt* statement, const SqlQuery& query) {
   for (size_t i = 0; i < query.params.size(); ++i) {
     int index = static_cast<int>(i) + 1;
     const SqlValue& value = query.params[i];
@@ -34,7 +29,6 @@ sqlite3_stmt* prepare(sqlite3* db, const SqlQuery& query) {
       sqlite3_bind_null(statement, index);
     }
   }
-  return statement;
 }
 }  // namespace
 
@@ -62,7 +56,37 @@ QSODatabaseManager::QSODatabaseManager()
   openDatabaseConnection();
 }
 
-QSODatabaseManager::~QSODatabaseManager() { sqlite3_close(database_); }
+QSODatabaseManager::~QSODatabaseManager() {
+  for (auto& [sql, statement] : statements_) sqlite3_finalize(statement);
+  sqlite3_close(database_);
+}
+
+sqlite3_stmt* QSODatabaseManager::acquire(const SqlQuery& query) {
+  // Values are bound, so a statement's text is the same for every row it writes: keeping the
+  // prepared statement saves a parse per call (a whole book is written row by row).
+  if (statements_.size() >= 64 && !statements_.count(query.sql)) {
+    // Only the "IN (...)" updates vary in text; keep the cache from growing without bound.
+    for (auto& [sql, cached] : statements_) sqlite3_finalize(cached);
+    statements_.clear();
+  }
+  sqlite3_stmt*& statement = statements_[query.sql];
+  if (!statement) {
+    if (sqlite3_prepare_v3(database_, query.sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &statement,
+                           nullptr) != SQLITE_OK) {
+      sqlite3_finalize(statement);
+      statements_.erase(query.sql);
+      return nullptr;
+    }
+  }
+  bind(statement, query);
+  return statement;
+}
+
+void QSODatabaseManager::release(sqlite3_stmt* statement) {
+  if (!statement) return;
+  sqlite3_reset(statement);
+  sqlite3_clear_bindings(statement);
+}
 
 std::string QSODatabaseManager::errorMessage() const {
   return database_ ? sqlite3_errmsg(database_) : "out of memory";
@@ -81,6 +105,12 @@ void QSODatabaseManager::openDatabaseConnection() {
   if (!versionMigrationAndSetup()) {
     LogEngineError("[QSODatabaseManager] Error setting up database: %@", errorMessage());
   }
+  // Every chapter query selects one audiobook; without this each one scans the whole table.
+  // On the identifier alone, so rows still come back in the order they were stored (rowid).
+  // Best effort: a table of another shape simply gets no index.
+  sqlite3_exec(database_,
+               "CREATE INDEX IF NOT EXISTS chapterStatusByAudiobook ON chapterStatus (audiobookID)",
+               nullptr, nullptr, nullptr);
 }
 
 uint64_t QSODatabaseManager::getDatabaseVersion() {
@@ -133,7 +163,8 @@ bool QSODatabaseManager::createTables() {
   for (const SqlQuery& query :
        {QSODownloadRequestDatabaseHelper::createTableQuery(),
         QSOAudiobookStatus::createTableQuery(), QSOChapterStatus::createTableQuery()}) {
-    sqlite3_stmt* statement = prepare(database_, query);
+    sqlite3_stmt* statement = nullptr;
+    sqlite3_prepare_v2(database_, query.sql.c_str(), -1, &statement, nullptr);
     if (!statement || sqlite3_step(statement) != SQLITE_DONE) {
       LogEngineError("[QSODatabaseManager] Error creating table: %@", errorMessage());
       ok = false;
@@ -147,10 +178,10 @@ bool QSODatabaseManager::createTables() {
 bool QSODatabaseManager::write(const SqlQuery& query, std::string_view logFormat,
                                std::string_view errorFormat) {
   LogEngineVerbose(logFormat, query.text);
-  sqlite3_stmt* statement = prepare(database_, query);
+  sqlite3_stmt* statement = acquire(query);
   bool done = statement && sqlite3_step(statement) == SQLITE_DONE;
   if (!done) LogEngineError(errorFormat, errorMessage());
-  sqlite3_finalize(statement);
+  release(statement);
   return done;
 }
 
@@ -166,33 +197,45 @@ std::vector<T> QSODatabaseManager::read(const SqlQuery& query, Reader reader) {
   std::vector<T> rows;
   databaseQueue_->sync([&] {
     LogEngineVerbose("Get query: %@", query.text);
-    sqlite3_stmt* statement = prepare(database_, query);
+    sqlite3_stmt* statement = acquire(query);
     if (statement) {
       for (int step = sqlite3_step(statement); step == SQLITE_ROW; step = sqlite3_step(statement)) {
-        if (auto row = reader(SqlRow(statement))) rows.push_back(std::move(*row));
+        auto row = reader(SqlRow(statement));
+        if (!row) continue;  // a row the record class cannot read is skipped
+        if constexpr (std::is_same_v<decltype(row), T>) {
+          rows.push_back(std::move(row));
+        } else {
+          rows.push_back(std::move(*row));
+        }
       }
     }
-    sqlite3_finalize(statement);
+    release(statement);
   });
   return rows;
 }
 
 namespace {
+// Describes fetched rows for the log only when the line is formatted (nobody may be listening).
 template <class T>
-std::string describeRows(const std::vector<T>& rows) {
-  std::string out = "(\n";
-  for (size_t i = 0; i < rows.size(); ++i) {
-    if constexpr (std::is_same_v<T, std::string>) {
-      out += "    " + rows[i];
-    } else if constexpr (requires { rows[i]->description(); }) {
-      out += "    " + rows[i]->description();
-    } else {
-      out += "    " + rows[i].description();
+struct Fetched {
+  const std::vector<T>& rows;
+  std::string description() const {
+    std::string out = "(\n";
+    for (size_t i = 0; i < rows.size(); ++i) {
+      if constexpr (std::is_same_v<T, std::string>) {
+        out += "    " + rows[i];
+      } else if constexpr (requires { rows[i]->description(); }) {
+        out += "    " + rows[i]->description();
+      } else {
+        out += "    " + rows[i].description();
+      }
+      out += i + 1 < rows.size() ? ",\n" : "\n";
     }
-    out += i + 1 < rows.size() ? ",\n" : "\n";
+    return out + ")";
   }
-  return out + ")";
-}
+};
+template <class T>
+Fetched(const std::vector<T>&) -> Fetched<T>;
 
 std::optional<std::string> firstColumnText(const SqlRow& row) { return row.text(0); }
 }  // namespace
@@ -205,7 +248,7 @@ bool QSODatabaseManager::insertRequest(const QSODownloadRequest& request) {
 std::vector<QSODownloadRequest> QSODatabaseManager::getRequests() {
   auto rows = read<QSODownloadRequest>(QSODownloadRequestDatabaseHelper::getAllQuery(),
                                        QSODownloadRequestDatabaseHelper::initWithStatement);
-  LogEngineVerbose("Fetched a thing: %@", describeRows(rows));
+  LogEngineVerbose("Fetched a thing: %@", Fetched{rows});
   return rows;
 }
 
@@ -232,14 +275,14 @@ bool QSODatabaseManager::insertAudiobookStatus(const QSOAudiobookStatus& status)
 
 std::vector<std::string> QSODatabaseManager::getAllAudiobookIdentifiers() {
   auto rows = read<std::string>(QSOAudiobookStatus::getAllIdentifiersQuery(), firstColumnText);
-  LogEngineVerbose("Fetched a thing: %@", describeRows(rows));
+  LogEngineVerbose("Fetched a thing: %@", Fetched{rows});
   return rows;
 }
 
 std::vector<QSOAudiobookStatusPtr> QSODatabaseManager::getAllAudiobookStatuses() {
   auto rows = read<QSOAudiobookStatusPtr>(QSOAudiobookStatus::getAllQuery(),
                                           QSOAudiobookStatus::initWithStatement);
-  LogEngineVerbose("Fetched a thing: %@", describeRows(rows));
+  LogEngineVerbose("Fetched a thing: %@", Fetched{rows});
   return rows;
 }
 
@@ -247,7 +290,7 @@ std::vector<std::string> QSODatabaseManager::getAudiobookIdentifiersForDownloadS
     uint64_t status) {
   auto rows = read<std::string>(
       QSOAudiobookStatus::getWithDownloadStatusAudiobookIdentifierQuery(status), firstColumnText);
-  LogEngineVerbose("Fetched a thing: %@", describeRows(rows));
+  LogEngineVerbose("Fetched a thing: %@", Fetched{rows});
   return rows;
 }
 
@@ -309,7 +352,7 @@ std::vector<QSOChapterStatusPtr> QSODatabaseManager::getAllChapterStatusesForAud
   auto rows =
       read<QSOChapterStatusPtr>(QSOChapterStatus::getAllForAudiobookIdentifierQuery(identifier),
                                 QSOChapterStatus::initWithStatement);
-  LogEngineVerbose("Fetched a thing: %@", describeRows(rows));
+  LogEngineVerbose("Fetched a thing: %@", Fetched{rows});
   return rows;
 }
 

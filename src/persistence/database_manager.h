@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "persistence/audiobook_status.h"
@@ -17,6 +18,7 @@
 #include "sonorell/download_request.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace sonorell {
 
@@ -77,8 +79,13 @@ class QSODatabaseManager {
   template <class T, class Reader>
   std::vector<T> read(const SqlQuery& query, Reader reader);
   std::string errorMessage() const;
+  // A prepared statement for the query with its values bound; release() makes it reusable.
+  sqlite3_stmt* acquire(const SqlQuery& query);
+  void release(sqlite3_stmt* statement);
 
   sqlite3* database_ = nullptr;
+  // Prepared statements by SQL text; touched only on the database queue.
+  std::unordered_map<std::string, sqlite3_stmt*> statements_;
   DispatchQueuePtr databaseQueue_;
 };
 
