@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <mutex>
+#include <string>
 
 namespace sonorell {
 
@@ -94,9 +95,19 @@ void LibraryDirectory::writeCacheDirTag(const std::filesystem::path& dir) {
   auto tag = dir / "CACHEDIR.TAG";
   std::error_code error;
   if (std::filesystem::exists(tag, error)) return;
-  std::ofstream out(tag);
-  out << "Signature: 8a477f597d28d172789f06886806bc55\n"
-         "# This file marks the directory as cache data (downloaded audio) for backup tools.\n";
+  // Written aside and renamed, so a kill never leaves a torn tag behind.
+  auto temp = dir / ("CACHEDIR.TAG.tmp" + std::to_string(::getpid()));
+  {
+    std::ofstream out(temp, std::ios::trunc);
+    out << "Signature: 8a477f597d28d172789f06886806bc55\n"
+           "# This file marks the directory as cache data (downloaded audio) for backup tools.\n";
+    if (!out.flush()) {
+      std::filesystem::remove(temp, error);
+      return;
+    }
+  }
+  std::filesystem::rename(temp, tag, error);
+  if (error) std::filesystem::remove(temp, error);
 }
 
 }  // namespace sonorell

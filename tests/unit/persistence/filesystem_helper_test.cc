@@ -1,0 +1,321 @@
+#include "persistence/filesystem_helper.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "platform/foundation/library_directory.h"
+#include "sonorell/notifications.h"
+#include "support/notification_recorder.h"
+#include "support/temp_library.h"
+
+namespace sonorell {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::NotificationRecorder;
+using testing::TempLibrary;
+
+mode_t permissionsOf(const fs::path& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) return 0;
+  return info.st_mode & 07777;
+}
+
+void writeFile(const fs::path& path, size_t size) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary) << std::string(size, 'x');
+}
+
+class FilesystemHelperTest : public ::testing::Test {
+ protected:
+  TempLibrary library;
+  fs::path support() const { return library.path() / "SonorellSupport"; }
+};
+
+// --- Layout ---
+
+TEST_F(FilesystemHelperTest, EveryPathLivesUnderTheLibraryDirectory) {
+  EXPECT_EQ(FilesystemHelper::supportDirectory(), support());
+  EXPECT_EQ(FilesystemHelper::audioParentDirectory(), support() / "Audio");
+  EXPECT_EQ(FilesystemHelper::audiobookDirectory("12345"), support() / "Audio" / "12345");
+  EXPECT_EQ(FilesystemHelper::metadataDatabasePath(), support() / "SDKMetadata.sqlite");
+  EXPECT_EQ(FilesystemHelper::persistenceEngineDatabasePath(),
+            support() / "PersistenceEngine.sqlite");
+  EXPECT_EQ(FilesystemHelper::listenEventsArchivePath(),
+            support() / "ListenEvents" / "listening_events.archive");
+  EXPECT_EQ(FilesystemHelper::filePath(QSOChapterDescription("12345", 0, 7)),
+            support() / "Audio" / "12345" / "12345_0_7_audio.mp3");
+}
+
+TEST_F(FilesystemHelperTest, AskingForPathsCreatesNothing) {
+  FilesystemHelper::filePath(QSOChapterDescription("12345", 0, 7));
+  FilesystemHelper::listenEventsArchivePath();
+  EXPECT_FALSE(fs::exists(support()));
+}
+
+TEST_F(FilesystemHelperTest, IdentifiersThatWouldLeaveTheAudioDirectoryGiveNoPath) {
+  for (const char* id : {"", ".", "..", "../12345", "a/b", "/etc"}) {
+    EXPECT_TRUE(FilesystemHelper::audiobookDirectory(id).empty()) << id;
+    EXPECT_TRUE(FilesystemHelper::filePath(QSOChapterDescription(id, 0, 1)).empty()) << id;
+  }
+}
+
+// --- Chapter file names ---
+
+TEST(ChapterFileName, IsTheKeyFormFollowedByTheSuffix) {
+  EXPECT_EQ(FilesystemHelper::filename(QSOChapterDescription("12345", 0, 7)),
+            "12345_0_7_audio.mp3");
+  EXPECT_EQ(FilesystemHelper::kChapterFileSuffix.front(), '_');
+  EXPECT_TRUE(FilesystemHelper::kChapterFileSuffix.ends_with(".mp3"));
+}
+
+TEST(ChapterFileName, ParsesIdPartAndChapter) {
+  auto parsed = FilesystemHelper::chapterDescription("12345_2_15_x.mp3");
+  ASSERT_TRUE(parsed.has_value());
+  EXPECT_EQ(*parsed, QSOChapterDescription("12345", 2, 15));
+}
+
+TEST(ChapterFileName, SkipsEmptyPieces) {
+  auto parsed = FilesystemHelper::chapterDescription("12345__2_15_x.mp3");
+  ASSERT_TRUE(parsed.has_value());
+  EXPECT_EQ(*parsed, QSOChapterDescription("12345", 2, 15));
+  EXPECT_EQ(FilesystemHelper::chapterDescription("_12345_2__15_"),
+            QSOChapterDescription("12345", 2, 15));
+}
+
+TEST(ChapterFileName, RejectsNamesWithoutTwoWholeNumbers) {
+  for (const char* name : {"12345_2", "12345", "", "_", "12345_a_15_x.mp3", "12345_2_b_x.mp3",
+                           "12345_2_15.mp3", "12345_-2_15_x.mp3", "12345_2x_15_x.mp3",
+                           "12345_99999999999999999999_1_x.mp3", "notes.txt"}) {
+    EXPECT_FALSE(FilesystemHelper::chapterDescription(name).has_value()) << name;
+  }
+}
+
+TEST(ChapterFileName, RoundTripsThroughTheFileName) {
+  for (const auto& chapter :
+       {QSOChapterDescription("12345", 0, 0), QSOChapterDescription("9", 3, 27),
+        QSOChapterDescription("777", 5000000000ull, UINT64_MAX)}) {
+    EXPECT_EQ(FilesystemHelper::chapterDescription(FilesystemHelper::filename(chapter)), chapter)
+        << chapter.description();
+  }
+}
+
+// --- Directory creation ---
+
+TEST_F(FilesystemHelperTest, SupportDirectoryIsPrivate) {
+  fs::path made = FilesystemHelper::createSupportDirectory();
+  EXPECT_EQ(made, support());
+  EXPECT_TRUE(fs::is_directory(made));
+  EXPECT_EQ(permissionsOf(made), 0700u);
+  // Creating it again is not a failure.
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(FilesystemHelper::createSupportDirectory(), made);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(FilesystemHelperTest, SupportDirectoryIsExcludedFromBackup) {
+  fs::path made = FilesystemHelper::createSupportDirectory();
+  char value[16] = {};
+  ssize_t length = ::getxattr(made.c_str(), "user.xdg.robots.backup", value, sizeof value);
+  if (length < 0 && errno == ENOTSUP) GTEST_SKIP() << "no user xattrs on this file system";
+  ASSERT_GE(length, 0) << std::strerror(errno);
+  EXPECT_EQ(std::string(value, static_cast<size_t>(length)), "false");
+}
+
+TEST_F(FilesystemHelperTest, AudioDirectoryIsPrivateAndTaggedAsCache) {
+  fs::path made = FilesystemHelper::createAudioDirectory();
+  EXPECT_EQ(made, support() / "Audio");
+  EXPECT_EQ(permissionsOf(made), 0700u);
+  EXPECT_EQ(permissionsOf(support()), 0700u);
+
+  std::ifstream tag(made / "CACHEDIR.TAG");
+  std::string firstLine;
+  ASSERT_TRUE(std::getline(tag, firstLine));
+  EXPECT_EQ(firstLine, "Signature: 8a477f597d28d172789f06886806bc55");
+}
+
+TEST_F(FilesystemHelperTest, AudiobookDirectoryIsCreatedWithItsParents) {
+  ErrorPtr error;
+  auto made = FilesystemHelper::createAudiobookDirectory("12345", &error);
+  ASSERT_TRUE(made.has_value());
+  EXPECT_EQ(error, nullptr);
+  EXPECT_EQ(*made, FilesystemHelper::audiobookDirectory("12345"));
+  EXPECT_EQ(permissionsOf(*made), 0700u);
+  EXPECT_EQ(permissionsOf(support() / "Audio"), 0700u);
+  EXPECT_TRUE(fs::exists(support() / "Audio" / "CACHEDIR.TAG"));
+}
+
+TEST_F(FilesystemHelperTest, AudiobookDirectoryFailureIsAPosixError) {
+  writeFile(support() / "Audio", 3);  // a file where the audio directory belongs
+
+  ErrorPtr error;
+  ::testing::internal::CaptureStderr();
+  auto made = FilesystemHelper::createAudiobookDirectory("12345", &error);
+  std::string console = ::testing::internal::GetCapturedStderr();
+
+  EXPECT_FALSE(made.has_value());
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->domain, kPOSIXErrorDomain);
+  EXPECT_EQ(error->code, ENOTDIR);
+  EXPECT_EQ(console.rfind("Exception creating audiobook directory: ", 0), 0u) << console;
+  // Without an out-parameter the failure is still reported as nothing.
+  ::testing::internal::CaptureStderr();
+  EXPECT_FALSE(FilesystemHelper::createAudiobookDirectory("12345", nullptr).has_value());
+  ::testing::internal::GetCapturedStderr();
+}
+
+TEST_F(FilesystemHelperTest, AudiobookDirectoryForAnUnsafeIdentifierIsRefused) {
+  ErrorPtr error;
+  ::testing::internal::CaptureStderr();
+  auto made = FilesystemHelper::createAudiobookDirectory("../escape", &error);
+  std::string console = ::testing::internal::GetCapturedStderr();
+  EXPECT_FALSE(made.has_value());
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->domain, kPOSIXErrorDomain);
+  EXPECT_EQ(console.rfind("Exception creating audiobook directory: ", 0), 0u) << console;
+  EXPECT_FALSE(fs::exists(support() / "escape"));
+}
+
+TEST_F(FilesystemHelperTest, SupportAndAudioFailuresArePrintedAndThePathStillReturned) {
+  writeFile(support(), 3);  // a file where the support directory belongs
+
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(FilesystemHelper::createSupportDirectory(), support());
+  std::string supportConsole = ::testing::internal::GetCapturedStderr();
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(FilesystemHelper::createAudioDirectory(), support() / "Audio");
+  std::string audioConsole = ::testing::internal::GetCapturedStderr();
+
+  EXPECT_EQ(supportConsole.rfind("Exception creating support directory: ", 0), 0u)
+      << supportConsole;
+  EXPECT_EQ(audioConsole.rfind("Exception creating support directory: ", 0), 0u) << audioConsole;
+}
+
+TEST(FilesystemHelperWithoutLibrary, GivesEmptyPathsAndCreatesNothing) {
+  TempLibrary scratch;
+  fs::path blocker = scratch.path() / "not-a-directory";
+  writeFile(blocker, 1);
+  LibraryDirectory::resetForTesting();
+  LibraryDirectory::setPath(blocker / "Library");  // cannot be created
+  ASSERT_FALSE(LibraryDirectory::path().has_value());
+
+  EXPECT_TRUE(FilesystemHelper::supportDirectory().empty());
+  EXPECT_TRUE(FilesystemHelper::audioParentDirectory().empty());
+  EXPECT_TRUE(FilesystemHelper::metadataDatabasePath().empty());
+  EXPECT_TRUE(FilesystemHelper::listenEventsArchivePath().empty());
+  EXPECT_TRUE(FilesystemHelper::filePath(QSOChapterDescription("1", 0, 1)).empty());
+
+  ::testing::internal::CaptureStderr();
+  EXPECT_TRUE(FilesystemHelper::createSupportDirectory().empty());
+  ErrorPtr error;
+  EXPECT_FALSE(FilesystemHelper::createAudiobookDirectory("1", &error).has_value());
+  std::string console = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(error, nullptr);
+  EXPECT_NE(console.find("Exception creating support directory: "), std::string::npos);
+  EXPECT_FALSE(fs::exists("SonorellSupport")) << "nothing relative to the working directory";
+  EXPECT_FALSE(fs::exists("Audio"));
+}
+
+// --- Files ---
+
+TEST_F(FilesystemHelperTest, ExistenceAndSizeFollowTheChapterFile) {
+  QSOChapterDescription chapter("12345", 1, 4);
+  EXPECT_FALSE(FilesystemHelper::fileExists(chapter));
+  EXPECT_EQ(FilesystemHelper::sizeOnDisk(chapter), 0u);
+
+  writeFile(FilesystemHelper::filePath(chapter), 1234);
+  EXPECT_TRUE(FilesystemHelper::fileExists(chapter));
+  EXPECT_EQ(FilesystemHelper::sizeOnDisk(chapter), 1234u);
+  EXPECT_FALSE(FilesystemHelper::fileExists(QSOChapterDescription("12345", 1, 5)));
+}
+
+TEST_F(FilesystemHelperTest, DeletingAChapterRemovesItsFileAndNotifies) {
+  QSOChapterDescription chapter("12345", 0, 2);
+  QSOChapterDescription sibling("12345", 0, 3);
+  writeFile(FilesystemHelper::filePath(chapter), 10);
+  writeFile(FilesystemHelper::filePath(sibling), 10);
+
+  NotificationRecorder recorder;
+  FilesystemHelper::deleteFile(chapter, true);
+
+  EXPECT_FALSE(FilesystemHelper::fileExists(chapter));
+  EXPECT_TRUE(FilesystemHelper::fileExists(sibling));
+  auto received = recorder.received();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0].name, QSOChapterDeleteSuccessNotification);
+  EXPECT_EQ(received[0].userInfo,
+            (Dictionary{{std::string(QSOChapterDescriptionUserInfoKey), Value(chapter)}}));
+}
+
+TEST_F(FilesystemHelperTest, DeletingAMissingChapterStillNotifies) {
+  QSOChapterDescription chapter("12345", 0, 9);
+  NotificationRecorder recorder;
+  FilesystemHelper::deleteFile(chapter, true);
+
+  auto received = recorder.received();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0].name, QSOChapterDeleteSuccessNotification);
+  EXPECT_EQ(received[0].userInfo,
+            (Dictionary{{std::string(QSOChapterDescriptionUserInfoKey), Value(chapter)}}));
+}
+
+TEST_F(FilesystemHelperTest, DeletingWithoutNotifyPostsNothing) {
+  QSOChapterDescription chapter("12345", 0, 2);
+  writeFile(FilesystemHelper::filePath(chapter), 10);
+
+  NotificationRecorder recorder;
+  FilesystemHelper::deleteFile(chapter, false);
+  FilesystemHelper::deleteFile(QSOChapterDescription("12345", 0, 8), false);
+
+  EXPECT_FALSE(FilesystemHelper::fileExists(chapter));
+  EXPECT_TRUE(recorder.received().empty());
+}
+
+TEST_F(FilesystemHelperTest, DeletingAllFilesRemovesTheTreeAndNotifies) {
+  writeFile(FilesystemHelper::filePath(QSOChapterDescription("12345", 0, 1)), 10);
+  writeFile(FilesystemHelper::audiobookDirectory("12345") / "nested" / "partial.tmp", 10);
+  writeFile(FilesystemHelper::filePath(QSOChapterDescription("777", 0, 1)), 10);
+
+  NotificationRecorder recorder;
+  FilesystemHelper::deleteAllFiles("12345");
+
+  EXPECT_FALSE(fs::exists(FilesystemHelper::audiobookDirectory("12345")));
+  EXPECT_TRUE(FilesystemHelper::fileExists(QSOChapterDescription("777", 0, 1)));
+  auto received = recorder.received();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0].name, QSOAudiobookDeleteSuccessNotification);
+  EXPECT_EQ(received[0].userInfo,
+            (Dictionary{{std::string(QSOAudiobookIDUserInfoKey), Value("12345")}}));
+}
+
+TEST_F(FilesystemHelperTest, DeletingAllFilesOfAnAbsentAudiobookStillNotifies) {
+  NotificationRecorder recorder{std::string(QSOAudiobookDeleteSuccessNotification)};
+  FilesystemHelper::deleteAllFiles("424242");
+  auto received = recorder.received();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0].userInfo,
+            (Dictionary{{std::string(QSOAudiobookIDUserInfoKey), Value("424242")}}));
+}
+
+TEST_F(FilesystemHelperTest, DeletingAllFilesNeverLeavesTheAudiobookDirectory) {
+  writeFile(FilesystemHelper::filePath(QSOChapterDescription("777", 0, 1)), 10);
+  fs::path metadata = FilesystemHelper::metadataDatabasePath();
+  writeFile(metadata, 10);
+
+  NotificationRecorder recorder;
+  for (const char* id : {"", ".", "..", "../.."}) FilesystemHelper::deleteAllFiles(id);
+
+  EXPECT_TRUE(FilesystemHelper::fileExists(QSOChapterDescription("777", 0, 1)));
+  EXPECT_TRUE(fs::exists(metadata));
+  EXPECT_EQ(recorder.received().size(), 4u);
+}
+
+}  // namespace
+}  // namespace sonorell
