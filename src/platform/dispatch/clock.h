@@ -27,6 +27,10 @@ class Clock {
   // Calls `fire` once, at or after `deadline`: on the real clock's timer thread, or from inside
   // VirtualClock::advance. `fire` must be quick (it normally hands work to a DispatchQueue).
   virtual TimerId schedule(MonoTime deadline, std::function<void()> fire) = 0;
+  // Like schedule(), but among timers with the same deadline this one keeps the place of
+  // `firstId` (an id this clock returned earlier): a repeating timer stays ahead of timers that
+  // were scheduled after it was first armed. The default ignores the order.
+  virtual TimerId scheduleRepeat(TimerId firstId, MonoTime deadline, std::function<void()> fire);
   // Cancelling an id that already fired or never existed does nothing.
   virtual void cancel(TimerId id) = 0;
 
@@ -49,8 +53,11 @@ class VirtualClock : public Clock {
   MonoTime now() const override;
   WallTime wallNow() const override;
   TimerId schedule(MonoTime deadline, std::function<void()> fire) override;
+  TimerId scheduleRepeat(TimerId firstId, MonoTime deadline, std::function<void()> fire) override;
   void cancel(TimerId id) override;
 
+  // Moves time forward by `by`, firing what falls due on the calling thread. One advance at a
+  // time; a timer's own callback must not advance the clock.
   void advance(Duration by);
   // Waits (in real time, at most `limit`) until no dispatch queue has queued or running work.
   // Returns false on time-out. Never call it while a test expects a repeating timer to run:

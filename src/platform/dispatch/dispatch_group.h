@@ -50,6 +50,7 @@ class Semaphore {
 // A repeating (or one-shot) timer that queues its handler on a queue, driven by Clock::current().
 // It starts suspended; resume() arms it, the first tick coming one interval later. The handler
 // never runs after cancel() has returned on the timer's queue, nor after the timer is destroyed.
+// Ticks keep exact deadlines (leeway is accepted but not used for coalescing).
 class DispatchTimer : public std::enable_shared_from_this<DispatchTimer> {
  public:
   static std::shared_ptr<DispatchTimer> create(DispatchQueuePtr queue, Duration interval,
@@ -74,7 +75,9 @@ class DispatchTimer : public std::enable_shared_from_this<DispatchTimer> {
   bool running_ = false;
   bool cancelled_ = false;
   uint64_t generation_ = 0;
+  std::weak_ptr<Clock> clock_;  // the clock it was armed on; cancel goes to that one
   uint64_t timerId_ = 0;
+  uint64_t firstTimerId_ = 0;  // keeps the timer's place among equal deadlines when re-armed
   MonoTime nextDeadline_{};
 };
 

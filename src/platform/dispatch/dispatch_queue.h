@@ -27,11 +27,15 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   static std::shared_ptr<DispatchQueue> main();
   // True on the thread that currently serves the main queue.
   static bool isMainThread();
-  // Serves the main queue on the calling thread until stopMain(); the host's main loop.
+  // Serves the main queue on the calling thread until stopMain(); the host's main loop. The
+  // adopting thread stays the main thread afterwards. Returns at once, serving nothing, when
+  // the engine's thread or another thread already serves the queue.
   static void runMain();
+  // Ends runMain(); a stop that arrives before the loop starts is kept for it.
   static void stopMain();
   // Runs what is queued on the main queue now, on the calling thread, and returns the number of
-  // blocks run. Only for hosts that adopted the main queue (before it was first used).
+  // blocks run. Only for hosts that adopted the main queue (before it was first used); the
+  // first call adopts it, and anywhere else it returns 0.
   static size_t pumpMain();
 
   // The queue whose block is running on this thread, or null.

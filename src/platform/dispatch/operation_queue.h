@@ -4,8 +4,8 @@
 // observers are called on the thread that made the change, outside that mutex.
 #pragma once
 
-#include <cstdint>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -35,7 +35,8 @@ class Operation : public std::enable_shared_from_this<Operation> {
   bool isFinished() const;
 
   void setCompletionBlock(std::function<void()> block);
-  // Real-time wait until the operation has finished.
+  // Real-time wait until the operation has finished and its observers and completion block
+  // have returned. Not from inside those callbacks.
   void waitUntilFinished();
 
   uint64_t addStateObserver(StateObserver observer);
@@ -54,6 +55,8 @@ class Operation : public std::enable_shared_from_this<Operation> {
   bool executing_ = false;
   bool finished_ = false;
   bool cancelled_ = false;
+  bool started_ = false;  // the default start() ran (or is running)
+  bool settled_ = false;  // finished and every finish callback has returned
   std::function<void()> completion_;
   uint64_t nextToken_ = 1;
   std::vector<std::pair<uint64_t, StateObserver>> observers_;
