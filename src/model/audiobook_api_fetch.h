@@ -1,0 +1,51 @@
+// Fetches one audiobook's metadata document from the content API and records the audiobook's
+// and its chapters' download status, each chapter's expected size in proportion to its
+// duration. One object serves one fetch; the response is handled on the HTTP client's queue,
+// where the completion is called once (fields are set before the request starts and not
+// changed after).
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "persistence/audiobook_status.h"
+#include "platform/net/http_client.h"
+#include "sonorell/error.h"
+
+namespace sonorell {
+
+class QSOAudiobookAPIFetch : public std::enable_shared_from_this<QSOAudiobookAPIFetch> {
+ public:
+  using Completion = std::function<void(ErrorPtr)>;
+
+  explicit QSOAudiobookAPIFetch(std::string sessionKey);
+
+  // Starts the request and returns at once.
+  void fetchAudiobook(std::string audiobookID, Completion completionHandler);
+  HttpRequest buildRequest();
+
+  // Low codes of the metadata fetch: 45 unauthorized, 50 server error, 55 gateway time-out,
+  // 60 not found, 65 other status, 70 unavailable (the transport error underneath).
+  void processNetworkError(int64_t code);
+  void processMetadataUnavilable(ErrorPtr error);
+  void processResponse(const std::optional<HttpResponse>& response, const ErrorPtr& error,
+                       const std::string& requestID);
+  void processJSON(const nlohmann::json* document);
+  void parseChapterStatus(const QSOAudiobookStatus& audiobookStatus, const nlohmann::json& chapters,
+                          const std::string& audiobookID);
+  void completeFetch();
+  void handleFalse();
+
+  const std::string& audiobookID() const { return audiobookID_; }
+
+ private:
+  void complete(ErrorPtr error);
+
+  std::string sessionKey_;
+  std::string audiobookID_;
+  Completion completionHandler_;
+};
+
+}  // namespace sonorell

@@ -1,0 +1,48 @@
+// Merges concurrent fetches of the same audiobook's metadata (keyed by audiobook) and of the
+// same playlist (keyed by license): the first caller starts the one fetch, later callers wait
+// for its outcome. Each key family is guarded by its own serial queue; completions are called
+// after leaving it, so a completion may start a new request for the same key.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "model/playlist.h"
+#include "platform/dispatch/dispatch_queue.h"
+#include "sonorell/error.h"
+
+namespace sonorell {
+
+class TaskSynchronizer {
+ public:
+  using MetadataCompletion = std::function<void(ErrorPtr)>;
+  using PlaylistCompletion = std::function<void(std::optional<QSOPlaylist>, ErrorPtr)>;
+
+  static TaskSynchronizer& shared();
+  TaskSynchronizer();
+
+  void fetchAudiobookMetadata(const std::string& audiobookID, const std::string& sessionKey,
+                              MetadataCompletion completion);
+  void fetchPlaylistMetadata(const std::string& audiobookID, const std::string& licenseID,
+                             const std::string& sessionKey, PlaylistCompletion completion);
+
+  void runAudiobookCompletions(const std::string& audiobookID, const ErrorPtr& error);
+  void runPlaylistCompletions(const std::string& playlistRequestIdentifier,
+                              const std::optional<QSOPlaylist>& playlist, const ErrorPtr& error);
+
+  // Equal for equal license identifiers.
+  static std::string playlistRequestIdentifier(const std::string& licenseID);
+
+ private:
+  DispatchQueuePtr metadataQueue_;
+  DispatchQueuePtr playlistQueue_;
+  std::map<std::string, std::vector<MetadataCompletion>> metadataCallbacks_;  // metadataQueue_
+  std::vector<std::string> liveMetadataRequests_;                             // metadataQueue_
+  std::map<std::string, std::vector<PlaylistCompletion>> playlistCallbacks_;  // playlistQueue_
+  std::vector<std::string> livePlaylistRequests_;                             // playlistQueue_
+};
+
+}  // namespace sonorell
