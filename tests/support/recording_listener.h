@@ -2,6 +2,8 @@
 // its own mutex: the engine logs from many threads.
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -26,17 +28,27 @@ class RecordingListener : public QSOLogListener {
   // Lines that contain the text.
   size_t count(std::string_view text) const {
     std::lock_guard lock(mutex_);
-    size_t n = 0;
-    for (const auto& [level, line] : lines_) n += line.find(text) != std::string::npos;
-    return n;
+    return countLocked(text);
+  }
+  // Waits (real time, at most `limit`) until a line containing the text was logged.
+  bool waitFor(std::string_view text, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    std::unique_lock lock(mutex_);
+    return logged_.wait_for(lock, limit, [&] { return countLocked(text) > 0; });
   }
 
  private:
   void add(const char* level, const std::string& line) {
     std::lock_guard lock(mutex_);
     lines_.emplace_back(level, line);
+    logged_.notify_all();
+  }
+  size_t countLocked(std::string_view text) const {
+    size_t n = 0;
+    for (const auto& [level, line] : lines_) n += line.find(text) != std::string::npos;
+    return n;
   }
   mutable std::mutex mutex_;
+  std::condition_variable logged_;
   std::vector<std::pair<std::string, std::string>> lines_;
 };
 

@@ -1,0 +1,114 @@
+// Chapter audio and blobs by byte range: what a resuming transfer sends and must get back.
+#include "blob.h"
+#include "server_fixture.h"
+#include "sha256.h"
+
+namespace sonorell::content::testing {
+namespace {
+
+class ByteRangeTest : public ServerTest {
+ protected:
+  const Chapter& chapter() const { return book(kThreeChapterBookID).chapters[1]; }
+  std::string slice(std::uint64_t offset, std::uint64_t length) const {
+    return chapter().bytes->substr(offset, length);
+  }
+};
+
+TEST_F(ByteRangeTest, WholeFileComesWithValidatorsAndAcceptRanges) {
+  const HttpResult r = get(chapter().audioPath);
+  ASSERT_EQ(r.code, CURLE_OK) << r.error;
+  EXPECT_EQ(r.status, 200);
+  EXPECT_EQ(r.header("Accept-Ranges"), "bytes");
+  EXPECT_EQ(r.header("Content-Type"), "audio/mpeg");
+  EXPECT_EQ(r.header("Content-Length"), std::to_string(chapter().size));
+  EXPECT_EQ(r.header("ETag"), server_.currentETag(chapter().audioPath));
+  EXPECT_EQ(r.header("Last-Modified"), "Sat, 04 Mar 2017 10:20:30 GMT");
+  EXPECT_EQ(sha256Hex(r.body), chapter().sha256);
+}
+
+TEST_F(ByteRangeTest, ClosedOpenAndSuffixRangesGive206WithTheirBytes) {
+  const std::uint64_t size = chapter().size;
+  struct Case {
+    std::string range;
+    std::uint64_t offset, length;
+  };
+  const std::vector<Case> cases = {{"bytes=100-199", 100, 100},
+                                   {"bytes=0-0", 0, 1},
+                                   {"bytes=1000-", 1000, size - 1000},
+                                   {"bytes=-500", size - 500, 500},
+                                   {"bytes=5000-99999999", 5000, size - 5000}};
+  for (const Case& c : cases) {
+    const HttpResult r = get(chapter().audioPath, {"Range: " + c.range});
+    EXPECT_EQ(r.status, 206) << c.range;
+    EXPECT_EQ(r.header("Content-Range"), "bytes " + std::to_string(c.offset) + "-" +
+                                             std::to_string(c.offset + c.length - 1) + "/" +
+                                             std::to_string(size))
+        << c.range;
+    EXPECT_EQ(r.body, slice(c.offset, c.length)) << c.range;
+  }
+}
+
+TEST_F(ByteRangeTest, IfRangeWithTheCurrentValidatorResumes) {
+  const std::string etag = *get(chapter().audioPath).header("ETag");
+  HttpResult byETag = get(chapter().audioPath, {"Range: bytes=4000-", "If-Range: " + etag});
+  EXPECT_EQ(byETag.status, 206);
+  EXPECT_EQ(byETag.body, slice(4000, chapter().size - 4000));
+  HttpResult byDate =
+      get(chapter().audioPath, {"Range: bytes=4000-", "If-Range: Sat, 04 Mar 2017 10:20:30 GMT"});
+  EXPECT_EQ(byDate.status, 206);
+
+  const auto recorded = server_.requests(Route::kAudio);
+  ASSERT_EQ(recorded.size(), 3u);
+  EXPECT_EQ(recorded[1].header("Range"), "bytes=4000-");
+  EXPECT_EQ(recorded[1].header("If-Range"), etag);
+}
+
+TEST_F(ByteRangeTest, IfRangeWithAStaleValidatorGetsTheWholeFile) {
+  const std::vector<std::string> stales = {"\"0123456789abcdef0123456789abcdef\"",
+                                           "W/" + server_.currentETag(chapter().audioPath),
+                                           "Sun, 05 Mar 2017 10:20:30 GMT"};
+  for (const std::string& stale : stales) {
+    const HttpResult r = get(chapter().audioPath, {"Range: bytes=4000-", "If-Range: " + stale});
+    EXPECT_EQ(r.status, 200) << stale;
+    EXPECT_FALSE(r.header("Content-Range")) << stale;
+    EXPECT_EQ(sha256Hex(r.body), chapter().sha256) << stale;
+  }
+}
+
+TEST_F(ByteRangeTest, RangeBeyondTheEndIs416) {
+  const HttpResult r =
+      get(chapter().audioPath, {"Range: bytes=" + std::to_string(chapter().size) + "-"});
+  EXPECT_EQ(r.status, 416);
+  EXPECT_EQ(r.header("Content-Range"), "bytes */" + std::to_string(chapter().size));
+}
+
+TEST_F(ByteRangeTest, HeadGivesTheHeadersOfAGetWithoutBody) {
+  const HttpResult r = fetch(request(chapter().audioPath, "HEAD"));
+  ASSERT_EQ(r.code, CURLE_OK) << r.error;
+  EXPECT_EQ(r.status, 200);
+  EXPECT_EQ(r.header("Content-Length"), std::to_string(chapter().size));
+  EXPECT_EQ(r.header("ETag"), server_.currentETag(chapter().audioPath));
+  EXPECT_TRUE(r.body.empty());
+  EXPECT_EQ(server_.requests(Route::kAudio).at(0).method, "HEAD");
+}
+
+TEST_F(ByteRangeTest, UnknownChapterIs404) {
+  EXPECT_EQ(get("/audio/1001/0/99.mp3").status, 404);
+  EXPECT_EQ(get("/audio/999999/0/1.mp3").status, 404);
+}
+
+TEST_F(ByteRangeTest, BlobOfAnySizeIsDeterministicAndRangeable) {
+  const std::uint64_t size = 3'000'001;
+  const std::string expected = blobBytes(size);
+  const HttpResult whole = get("/blob/" + std::to_string(size));
+  ASSERT_EQ(whole.status, 200);
+  EXPECT_EQ(whole.body.size(), size);
+  EXPECT_TRUE(whole.body == expected);
+  const HttpResult part = get("/blob/" + std::to_string(size), {"Range: bytes=1234567-2000000"});
+  EXPECT_EQ(part.status, 206);
+  EXPECT_TRUE(part.body == expected.substr(1234567, 2000000 - 1234567 + 1));
+  EXPECT_EQ(server_.requestCount(Route::kBlob), 2u);
+}
+
+}  // namespace
+}  // namespace sonorell::content::testing

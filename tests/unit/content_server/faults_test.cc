@@ -1,0 +1,201 @@
+// Every kind of injected fault, as a libcurl client sees it, and which requests a rule hits.
+#include <nlohmann/json.hpp>
+
+#include "server_fixture.h"
+#include "sha256.h"
+
+namespace sonorell::content::testing {
+namespace {
+
+using nlohmann::json;
+
+class FaultsTest : public ServerTest {
+ protected:
+  const Chapter& chapter() const { return book(kFourChapterBookID).chapters[3]; }
+  HttpResult metadata() const { return get("/v4/audiobooks/1001"); }
+};
+
+TEST_F(FaultsTest, NthTriggerHitsOnlyThatRequestOfItsRoute) {
+  const auto rule = server_.faults().add(Route::kMetadata, Fault::statusCode(503), Trigger::nth(2));
+  EXPECT_EQ(get(chapter().audioPath).status, 200);  // another route does not count
+  EXPECT_EQ(metadata().status, 200);
+  const HttpResult second = metadata();
+  EXPECT_EQ(second.status, 503);
+  EXPECT_TRUE(second.body.empty());
+  EXPECT_EQ(metadata().status, 200);
+  EXPECT_EQ(server_.faults().hits(rule), 1u);
+  EXPECT_EQ(server_.requestCount(Route::kMetadata), 3u);
+}
+
+TEST_F(FaultsTest, AlwaysAndNextTriggers) {
+  const auto always =
+      server_.faults().add(Route::kMetadata, Fault::statusCode(418), Trigger::always());
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(metadata().status, 418);
+  server_.faults().remove(always);
+  server_.faults().add(Route::kMetadata, Fault::statusCode(502), Trigger::next(2));
+  EXPECT_EQ(metadata().status, 502);
+  EXPECT_EQ(metadata().status, 502);
+  EXPECT_EQ(metadata().status, 200);
+}
+
+TEST_F(FaultsTest, RuleForOnePathLeavesOtherChaptersAlone) {
+  const Chapter& other = book(kFourChapterBookID).chapters[0];
+  server_.faults().add(Route::kAudio, Fault::statusCode(500), Trigger::always(),
+                       chapter().audioPath);
+  EXPECT_EQ(get(other.audioPath).status, 200);
+  EXPECT_EQ(get(chapter().audioPath).status, 500);
+}
+
+TEST_F(FaultsTest, ErrorDocumentCustomBodyAndInvalidJson) {
+  server_.faults().add(Route::kPlaylist, Fault::errorDocument(403, "Not licensed", "forbidden",
+                                                              4031, {{"license_id", "expired"}}));
+  HttpRequest r = request("/v4/audiobooks/1001/playlists", "POST");
+  r.headers = {"Session-Key: s"};
+  r.body = R"({"license_id": "l"})";
+  const HttpResult denied = fetch(r);
+  EXPECT_EQ(denied.status, 403);
+  const json doc = json::parse(denied.body);
+  EXPECT_EQ(doc.at("message"), "Not licensed");
+  EXPECT_EQ(doc.at("code"), "forbidden");
+  EXPECT_EQ(doc.at("error_number"), 4031);
+  EXPECT_EQ(doc.at("errors")[0].at("field"), "license_id");
+
+  server_.faults().add(Route::kMetadata, Fault::customBody(200, ""));
+  const HttpResult empty = metadata();
+  EXPECT_EQ(empty.status, 200);
+  EXPECT_TRUE(empty.body.empty());
+
+  server_.faults().add(Route::kMetadata, Fault::invalidJson());
+  const HttpResult broken = metadata();
+  EXPECT_EQ(broken.status, 200);
+  EXPECT_FALSE(broken.body.empty());
+  EXPECT_FALSE(json::accept(broken.body));
+
+  server_.faults().add(Route::kMetadata,
+                       Fault::customBody(403, "<html>denied</html>", "text/html"));
+  const HttpResult html = metadata();
+  EXPECT_EQ(html.status, 403);
+  EXPECT_EQ(html.header("Content-Type"), "text/html");
+  EXPECT_EQ(html.body, "<html>denied</html>");
+}
+
+TEST_F(FaultsTest, DelayOutlastsAShortClientTimeoutAndEndsWhenTheServerStops) {
+  server_.faults().add(Route::kMetadata, Fault::delayed(std::chrono::seconds(60)));
+  HttpRequest r = request("/v4/audiobooks/1001");
+  r.timeoutMs = 300;
+  const HttpResult late = fetch(r);
+  EXPECT_EQ(late.code, CURLE_OPERATION_TIMEDOUT);
+  EXPECT_EQ(metadata().status, 200);  // only the next request was delayed
+  server_.faults().add(Route::kMetadata, Fault::delayed(std::chrono::seconds(60)),
+                       Trigger::always());
+  std::thread client([&] {
+    const HttpResult cut = fetch(request("/v4/audiobooks/1001"));
+    EXPECT_NE(cut.code, CURLE_OK);
+  });
+  while (server_.requestCount(Route::kMetadata) < 3) std::this_thread::yield();
+  server_.stop();  // returns long before the 60 s delay would have
+  client.join();
+}
+
+TEST_F(FaultsTest, DroppedConnectionGivesNoResponseAtAll) {
+  server_.faults().add(Route::kAudio, Fault::droppedConnection());
+  const HttpResult r = get(chapter().audioPath);
+  EXPECT_TRUE(r.code == CURLE_GOT_NOTHING || r.code == CURLE_RECV_ERROR ||
+              r.code == CURLE_SSL_CONNECT_ERROR)
+      << r.code << " " << r.error;
+  EXPECT_EQ(r.status, 0);
+  EXPECT_TRUE(r.body.empty());
+  EXPECT_EQ(get(chapter().audioPath).status, 200);
+}
+
+TEST_F(FaultsTest, BodyCutShortAfterHeadersPromisedAll) {
+  server_.faults().add(Route::kAudio, Fault::cutShort(1000));
+  const HttpResult r = get(chapter().audioPath);
+  EXPECT_EQ(r.code, CURLE_PARTIAL_FILE) << r.error;
+  EXPECT_EQ(r.status, 200);
+  EXPECT_EQ(r.header("Content-Length"), std::to_string(chapter().size));
+  EXPECT_EQ(r.body, chapter().bytes->substr(0, 1000));
+}
+
+TEST_F(FaultsTest, WrongContentLengthEitherWay) {
+  server_.faults().add(Route::kAudio, Fault::wrongContentLength(chapter().size + 500));
+  const HttpResult promisedMore = get(chapter().audioPath);
+  EXPECT_EQ(promisedMore.code, CURLE_PARTIAL_FILE) << promisedMore.error;
+  EXPECT_EQ(promisedMore.body.size(), chapter().size);
+
+  server_.faults().add(Route::kAudio, Fault::wrongContentLength(chapter().size - 700));
+  const HttpResult promisedLess = get(chapter().audioPath);
+  EXPECT_EQ(promisedLess.code, CURLE_OK) << promisedLess.error;
+  EXPECT_EQ(promisedLess.header("Content-Length"), std::to_string(chapter().size - 700));
+  EXPECT_EQ(promisedLess.body, chapter().bytes->substr(0, chapter().size - 700));
+
+  // The connection that carried the surplus was closed; the next request is served normally.
+  const HttpResult next = get(chapter().audioPath);
+  EXPECT_EQ(next.status, 200);
+  EXPECT_EQ(sha256Hex(next.body), chapter().sha256);
+}
+
+TEST_F(FaultsTest, BandwidthLimitKeepsTheBodyFromArrivingInTime) {
+  ASSERT_GT(chapter().size, 40'000u);
+  HttpRequest r = request(chapter().audioPath);
+  r.timeoutMs = 1000;
+  EXPECT_EQ(fetch(r).code, CURLE_OK);  // unlimited, it arrives well within the time
+
+  server_.faults().add(Route::kAudio, Fault::bandwidth(4000));
+  const HttpResult slow = fetch(r);
+  EXPECT_EQ(slow.code, CURLE_OPERATION_TIMEDOUT);
+  EXPECT_EQ(slow.status, 200);
+  EXPECT_GT(slow.body.size(), 0u);
+  EXPECT_LT(slow.body.size(), 20'000u);
+}
+
+TEST_F(FaultsTest, RangeIgnoredAnswersTheWholeFile) {
+  server_.faults().add(Route::kAudio, Fault::rangeIgnored());
+  const HttpResult r = get(chapter().audioPath, {"Range: bytes=100-"});
+  EXPECT_EQ(r.status, 200);
+  EXPECT_FALSE(r.header("Content-Range"));
+  EXPECT_EQ(sha256Hex(r.body), chapter().sha256);
+  EXPECT_EQ(get(chapter().audioPath, {"Range: bytes=100-"}).status, 206);
+}
+
+TEST_F(FaultsTest, ChangedFileHasNewBytesAndETagAndStaysChanged) {
+  const HttpResult original = get(chapter().audioPath);
+  const std::string oldETag = *original.header("ETag");
+  server_.faults().add(Route::kAudio, Fault::fileChanged());
+
+  const HttpResult resumed =
+      get(chapter().audioPath, {"Range: bytes=2000-", "If-Range: " + oldETag});
+  EXPECT_EQ(resumed.status, 200);  // the validator no longer matches
+  ASSERT_TRUE(resumed.header("ETag"));
+  EXPECT_NE(*resumed.header("ETag"), oldETag);
+  EXPECT_EQ(resumed.body.size(), chapter().size);
+  EXPECT_NE(resumed.body, original.body);
+  EXPECT_NE(resumed.body.substr(0, 2000), original.body.substr(0, 2000));
+  EXPECT_EQ(resumed.body, server_.currentBytes(chapter().audioPath));
+
+  const HttpResult later = get(chapter().audioPath);
+  EXPECT_EQ(later.header("ETag"), resumed.header("ETag"));
+  EXPECT_EQ(later.body, resumed.body);
+  server_.changeFile(chapter().audioPath);
+  EXPECT_NE(get(chapter().audioPath).header("ETag"), resumed.header("ETag"));
+}
+
+TEST_F(FaultsTest, FaultsWorkOverPlainHttpToo) {
+  ServerOptions options;
+  options.https = false;
+  ContentServer plain(options);
+  plain.start();
+  plain.faults().add(Route::kAudio, Fault::droppedConnection());
+  plain.faults().add(Route::kAudio, Fault::cutShort(10), Trigger::nth(2));
+  HttpRequest r;
+  r.url = plain.audioURL(kFourChapterBookID, 0, 4);
+  const HttpResult dropped = fetch(r);
+  EXPECT_EQ(dropped.code, CURLE_GOT_NOTHING) << dropped.error;
+  const HttpResult cut = fetch(r);
+  EXPECT_EQ(cut.code, CURLE_PARTIAL_FILE) << cut.error;
+  EXPECT_EQ(cut.body.size(), 10u);
+  plain.stop();
+}
+
+}  // namespace
+}  // namespace sonorell::content::testing

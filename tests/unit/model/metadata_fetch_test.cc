@@ -1,0 +1,204 @@
+// Fetching metadata from the reference server: every status mapping, the records a document
+// becomes (expected sizes by duration), tolerant reading, and coalesced concurrent fetches.
+#include <gtest/gtest.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <future>
+
+#include "model/audiobook_api_fetch.h"
+#include "model/task_synchronizer.h"
+#include "persistence/audiobook_status.h"
+#include "persistence/chapter_status.h"
+#include "persistence/database_manager.h"
+#include "sonorell/errors.h"
+#include "support/server_fixture.h"
+
+namespace sonorell {
+namespace {
+
+using content::Fault;
+using content::Route;
+using content::Trigger;
+
+class MetadataFetch : public testing::ServerTest {
+ protected:
+  ErrorPtr fetch(const std::string& id) {
+    std::promise<ErrorPtr> done;
+    auto future = done.get_future();
+    auto fetcher = std::make_shared<QSOAudiobookAPIFetch>("session-key");
+    fetcher->fetchAudiobook(id, [&done](ErrorPtr error) { done.set_value(error); });
+    return await(future);
+  }
+  void answerMetadataWith(const std::string& body) {
+    server.faults().add(Route::kMetadata, Fault::customBody(200, body), Trigger::always());
+  }
+};
+
+TEST_F(MetadataFetch, ABookBecomesItsStatusRecordsWithSizesInProportionToDuration) {
+  const auto* book = server.catalogue().book(content::kThreeChapterBookID);
+  ASSERT_NE(book, nullptr);
+  EXPECT_EQ(fetch(book->id), nullptr);
+  auto status = QSOAudiobookStatus::fetchAudiobookStatusForAudiobookIdentifier(book->id);
+  ASSERT_NE(status, nullptr);
+  EXPECT_EQ(status->totalSize(), book->actualSize());
+  auto chapters = QSOChapterStatus::fetchAllSortedForAudiobookIdentifier(book->id);
+  ASSERT_EQ(chapters.size(), book->chapters.size());
+  for (const auto& chapter : chapters) {
+    EXPECT_EQ(chapter->downloadStatus(), DownloadStatusNotDownloaded);
+    EXPECT_GT(chapter->totalSize(), 0u);
+    EXPECT_LE(chapter->totalSize(), book->actualSize());
+  }
+  auto request = server.requests(Route::kMetadata).at(0);
+  EXPECT_EQ(request.header("Session-Key"), "session-key");
+  EXPECT_EQ(request.header("Content-Type"), "application/json");
+  EXPECT_EQ(request.header("X-Request-Id").value_or("").size(), 36u);
+  EXPECT_EQ(listener->count("[DownloadEngine] Starting a GET. Making a /audiobooks request to " +
+                            server.metadataURL(book->id) + " with session session-key"),
+            1u);
+}
+
+TEST_F(MetadataFetch, ChapterSizesSplitTheBookBySingleSecondsInSinglePrecision) {
+  answerMetadataWith(R"({"audiobook": {"id": "77", "actual_size": 1000, "chapters": [
+      {"duration": 1999, "part_number": 0, "chapter_number": 1},
+      {"duration": 3000, "part_number": 0, "chapter_number": 2}]}})");
+  EXPECT_EQ(fetch("77"), nullptr);
+  auto chapters = QSOChapterStatus::fetchAllSortedForAudiobookIdentifier("77");
+  ASSERT_EQ(chapters.size(), 2u);
+  EXPECT_EQ(chapters[0]->totalSize(), 250u);
+  EXPECT_EQ(chapters[1]->totalSize(), 750u);
+}
+
+TEST_F(MetadataFetch, AnEmptyIdCompletesWith70AndWritesNothing) {
+  answerMetadataWith(R"({"audiobook": {"id": "", "actual_size": 10, "chapters": []}})");
+  auto error = fetch("78");
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->domain, QSOErrorDomain);
+  EXPECT_EQ(error->code, 70);
+  EXPECT_TRUE(QSODatabaseManager::sharedManager()->getAllAudiobookIdentifiers().empty());
+}
+
+TEST_F(MetadataFetch, NullsAreReadAsEmptyStrings) {
+  // A null id becomes "" (not found); a null size and duration become 0.
+  answerMetadataWith(R"({"audiobook": {"id": null, "title": null}})");
+  auto error = fetch("79");
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code, 70);
+  EXPECT_EQ(listener->count("[DownloadEngine] Audiobook not found"), 1u);
+  EXPECT_EQ(listener->count("processJSON"), 0u);
+
+  server.faults().clear();
+  answerMetadataWith(R"({"audiobook": {"id": "80", "actual_size": null, "chapters": [
+      {"duration": null, "part_number": 0, "chapter_number": 1}]}})");
+  EXPECT_EQ(fetch("80"), nullptr);
+  auto chapters = QSOChapterStatus::fetchAllForAudiobookIdentifier("80");
+  ASSERT_EQ(chapters.size(), 1u);
+  EXPECT_EQ(chapters[0]->totalSize(), 0u);
+}
+
+struct StatusCase {
+  int status;
+  int64_t code;
+  const char* line;
+};
+
+TEST_F(MetadataFetch, EveryFailingStatusHasItsCodeAndLine) {
+  const StatusCase cases[] = {
+      {401, 45, "[DownloadEngine] Metadata could not be downloaded"},
+      {404, 60, "[DownloadEngine] Audiobook not found"},
+      {418, 65, "[DownloadEngine] Audiobook not found"},
+      {500, 50, "[DownloadEngine] internal server error"},
+      {502, 50, "[DownloadEngine] cloud front error, 502"},
+      {503, 50, "[DownloadEngine] cloud front error, 503"},
+      {504, 55, "[DownloadEngine] cloud front error, 504"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.status);
+    size_t before = listener->count(c.line);
+    server.faults().add(Route::kMetadata, Fault::errorDocument(c.status, "nope", "denied", 4011));
+    auto error = fetch(std::string(content::kThreeChapterBookID));
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->domain, QSOErrorDomain);
+    EXPECT_EQ(error->code, c.code) << "whatever the body says";
+    EXPECT_TRUE(error->userInfo.empty());
+    EXPECT_EQ(listener->count(c.line), before + 1);
+  }
+}
+
+TEST_F(MetadataFetch, ARefusedConnectionGives70WithTheTransportErrorUnderneath) {
+  int probe = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  socklen_t length = sizeof address;
+  ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
+  ::close(probe);  // nothing listens there now
+  HttpClient::setAPIBaseURL("https://127.0.0.1:" + std::to_string(ntohs(address.sin_port)));
+
+  auto error = fetch("1001");
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code, 70);
+  auto transport = error->underlyingError();
+  ASSERT_NE(transport, nullptr);
+  EXPECT_EQ(transport->domain, kURLLoadingErrorDomain);
+  EXPECT_EQ(transport->code, kURLErrorCannotConnectToHost);
+  EXPECT_EQ(listener->count("[DownloadEngine] Connection Failed"), 1u);
+}
+
+TEST_F(MetadataFetch, ABodyThatIsNotUTF8NeverCompletes) {
+  server.faults().add(Route::kMetadata, Fault::customBody(200, "{\"audiobook\": \"\xff\xfe\"}"));
+  auto done = std::make_shared<std::promise<ErrorPtr>>();
+  auto future = done->get_future();
+  auto fetcher = std::make_shared<QSOAudiobookAPIFetch>("k");
+  fetcher->fetchAudiobook("1001", [done](ErrorPtr error) {
+    ADD_FAILURE() << "completed: " << (error ? error->description() : "no error");
+    done->set_value(error);
+  });
+  // The answer is handled once the log line appears; no completion may follow it.
+  EXPECT_TRUE(listener->waitFor("[DownloadEngine] Error reading message from server"));
+  DispatchQueue::waitUntilAllIdle(std::chrono::seconds(2));
+  EXPECT_EQ(future.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
+}
+
+TEST_F(MetadataFetch, ConcurrentRequestsForOneBookShareOneFetch) {
+  TaskSynchronizer synchronizer;
+  // Hold the first answer back so that all three requests meet it in flight.
+  server.faults().add(Route::kMetadata, Fault::delayed(std::chrono::milliseconds(300)));
+  std::vector<std::promise<ErrorPtr>> done(3);
+  for (auto& d : done) {
+    synchronizer.fetchAudiobookMetadata("1001", "k", [&d](ErrorPtr e) { d.set_value(e); });
+  }
+  for (auto& d : done) {
+    auto f = d.get_future();
+    EXPECT_EQ(await(f), nullptr);
+  }
+  EXPECT_EQ(server.requestCount(Route::kMetadata), 1u);
+
+  // After delivery the key is free again: the next request fetches anew (and this time fails,
+  // because the book's status record exists already).
+  std::promise<ErrorPtr> again;
+  auto f = again.get_future();
+  synchronizer.fetchAudiobookMetadata("1001", "k", [&again](ErrorPtr e) { again.set_value(e); });
+  auto error = await(f);
+  EXPECT_EQ(server.requestCount(Route::kMetadata), 2u);
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code, 12005);
+  EXPECT_EQ(error->localizedDescription(),
+            "The audiobook download status failed to save to the database");
+}
+
+TEST_F(MetadataFetch, ACompletionThatStartsANewFetchForTheSameKeyDoesNotDeadlock) {
+  TaskSynchronizer synchronizer;
+  std::promise<ErrorPtr> second;
+  auto f = second.get_future();
+  synchronizer.fetchAudiobookMetadata("1002", "k", [&](ErrorPtr) {
+    synchronizer.fetchAudiobookMetadata("1002", "k", [&](ErrorPtr e) { second.set_value(e); });
+  });
+  await(f);
+  EXPECT_EQ(server.requestCount(Route::kMetadata), 2u);
+}
+
+}  // namespace
+}  // namespace sonorell

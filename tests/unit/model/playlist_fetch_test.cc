@@ -1,0 +1,184 @@
+// Playlists: decoding what the server sends, every status mapping of the fetch, the request it
+// makes, and the cache with its expiry rule.
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "model/playlist_api_fetch.h"
+#include "model/playlist_manager.h"
+#include "model/task_synchronizer.h"
+#include "platform/dispatch/clock.h"
+#include "sonorell/errors.h"
+#include "support/server_fixture.h"
+
+namespace sonorell {
+namespace {
+
+using content::Fault;
+using content::Route;
+using content::Trigger;
+using Result = std::pair<std::optional<QSOPlaylist>, ErrorPtr>;
+
+class PlaylistFetch : public testing::ServerTest {
+ protected:
+  Result fetch(const std::string& id = "1001") {
+    std::promise<Result> done;
+    auto future = done.get_future();
+    QSOPlaylistAPIFetch::fetchPlaylist(id, "license-1", "session-1",
+                                       [&done](std::optional<QSOPlaylist> p, ErrorPtr e) {
+                                         done.set_value({std::move(p), std::move(e)});
+                                       });
+    return await(future);
+  }
+};
+
+TEST_F(PlaylistFetch, AServedPlaylistHasOneItemPerChapterAndTheRequestCarriesTheCredentials) {
+  auto [playlist, error] = fetch();
+  ASSERT_EQ(error, nullptr);
+  ASSERT_TRUE(playlist.has_value());
+  const auto* book = server.catalogue().book("1001");
+  ASSERT_EQ(playlist->playlist().size(), book->chapters.size());
+  EXPECT_FALSE(playlist->playlistToken().empty());
+  EXPECT_GT(playlist->expires(), std::chrono::system_clock::now());
+  const auto& first = book->chapters.front();
+  const auto* item =
+      playlist->playlistItem(QSOChapterDescription("1001", first.part, first.chapter));
+  ASSERT_NE(item, nullptr);
+  EXPECT_EQ(item->url(), server.audioURL("1001", first.part, first.chapter));
+
+  auto request = server.requests(Route::kPlaylist).at(0);
+  EXPECT_EQ(request.method, "POST");
+  EXPECT_EQ(request.header("Session-Key"), "session-1");
+  EXPECT_EQ(request.header("X-Request-Id").value_or("").size(), 36u);
+  EXPECT_EQ(nlohmann::json::parse(request.body).at("license_id"), "license-1");
+}
+
+TEST_F(PlaylistFetch, EveryStatusHasItsCode) {
+  struct Case {
+    Fault fault;
+    int64_t code;
+  };
+  const Case cases[] = {
+      {Fault::errorDocument(401, "expired", "session", 4012), 40},  // 401 whatever the body
+      {Fault::customBody(403, "<html>forbidden</html>", "text/html"), 30},
+      {Fault::errorDocument(403, "expired", "session_expired", 4012), 11008},
+      {Fault::errorDocument(402, "pay", "payment", 4013), 10001},
+      {Fault::customBody(200, ""), 25},
+      {Fault::invalidJson(), 25},
+      {Fault::customBody(200, R"({"playlist_token": "t"})"), 25},
+      {Fault::statusCode(400), 35},
+      {Fault::statusCode(404), 20},
+      {Fault::statusCode(502), 10},
+      {Fault::statusCode(503), 10},
+      {Fault::statusCode(504), 15},
+      {Fault::statusCode(500), 30},
+  };
+  for (const auto& c : cases) {
+    server.faults().add(Route::kPlaylist, c.fault);
+    auto [playlist, error] = fetch();
+    SCOPED_TRACE(c.code);
+    EXPECT_FALSE(playlist.has_value());
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->domain, QSOErrorDomain);
+    EXPECT_EQ(error->code, c.code);
+  }
+}
+
+TEST_F(PlaylistFetch, AnErrorDocumentDescribesItselfWithTheDownloadText) {
+  server.faults().add(Route::kPlaylist, Fault::errorDocument(403, "Key expired", "expired", 4011));
+  auto [playlist, error] = fetch();
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->localizedDescription(),
+            "Error: The download failed due to being unauthorized code: expired Message: Key "
+            "expired");
+}
+
+TEST_F(PlaylistFetch, ADroppedConnectionPassesTheTransportErrorAsItIs) {
+  server.faults().add(Route::kPlaylist, Fault::droppedConnection());
+  auto [playlist, error] = fetch();
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->domain, kURLLoadingErrorDomain);
+  EXPECT_EQ(error->code, kURLErrorNetworkConnectionLost);
+}
+
+TEST(PlaylistDecoding, ABadElementIsDroppedNotFatalAndTheFirstDuplicateWins) {
+  auto document = nlohmann::json::parse(R"({"playlist_token": "tok",
+      "expires": "2030-01-02T03:04:05+0000", "playlist": [
+        {"part_number": 0, "chapter_number": 1, "url": "https://a/1"},
+        {"part_number": 0, "chapter_number": 2},
+        {"part_number": 0, "chapter_number": 3, "url": "not a url"},
+        {"part_number": "0", "chapter_number": 4, "url": "https://a/4"},
+        {"part_number": 0, "chapter_number": 1, "url": "https://a/dup"}]})");
+  auto playlist = QSOPlaylist::decodePlaylist(document, "book");
+  ASSERT_TRUE(playlist.has_value());
+  EXPECT_EQ(playlist->playlist().size(), 2u);
+  EXPECT_EQ(playlist->playlistItem(QSOChapterDescription("other", 0, 1))->url(), "https://a/1");
+  EXPECT_EQ(playlist->playlistItem(QSOChapterDescription("book", 0, 2)), nullptr);
+  EXPECT_EQ(std::chrono::system_clock::to_time_t(playlist->expires()), 1893553445);
+  EXPECT_EQ(playlist->playlist()[0].chapterDescription(), QSOChapterDescription("book", 0, 1));
+}
+
+TEST(PlaylistDecoding, ExpiryZonesAndMissingKeys) {
+  EXPECT_EQ(
+      std::chrono::system_clock::to_time_t(*QSOPlaylist::parseExpires("2030-01-02T05:04:05+0200")),
+      1893553445);
+  EXPECT_EQ(
+      std::chrono::system_clock::to_time_t(*QSOPlaylist::parseExpires("2030-01-02T03:04:05Z")),
+      1893553445);
+  EXPECT_FALSE(QSOPlaylist::parseExpires("2030-01-02 03:04:05").has_value());
+  for (auto json :
+       {R"({"expires": "2030-01-02T03:04:05Z", "playlist": []})",
+        R"({"playlist_token": "t", "playlist": []})",
+        R"({"playlist_token": "t", "expires": "2030-01-02T03:04:05Z"})",
+        R"({"playlist_token": 5, "expires": "2030-01-02T03:04:05Z", "playlist": []})"}) {
+    EXPECT_FALSE(QSOPlaylist::decodePlaylist(nlohmann::json::parse(json), "b").has_value()) << json;
+  }
+}
+
+TEST_F(PlaylistFetch, ConcurrentRequestsWithOneLicenseShareOneFetch) {
+  TaskSynchronizer synchronizer;
+  server.faults().add(Route::kPlaylist, Fault::delayed(std::chrono::milliseconds(300)));
+  std::vector<std::promise<Result>> done(3);
+  for (auto& d : done) {
+    synchronizer.fetchPlaylistMetadata("1001", "license-1", "k",
+                                       [&d](std::optional<QSOPlaylist> p, ErrorPtr e) {
+                                         d.set_value({std::move(p), std::move(e)});
+                                       });
+  }
+  std::string token;
+  for (auto& d : done) {
+    auto f = d.get_future();
+    auto [playlist, error] = await(f);
+    ASSERT_TRUE(playlist.has_value());
+    if (token.empty()) token = playlist->playlistToken();
+    EXPECT_EQ(playlist->playlistToken(), token);
+  }
+  EXPECT_EQ(server.requestCount(Route::kPlaylist), 1u);
+}
+
+TEST_F(PlaylistFetch, AnExpiredPlaylistIsReturnedOnlyWhenExpiredOnesArePermitted) {
+  server.setPlaylistLifetime(std::chrono::seconds(-60));
+  auto [playlist, error] = fetch();
+  ASSERT_TRUE(playlist.has_value());
+  QSOPlaylistManager cache;
+  cache.addPlaylist(*playlist, "1001");
+  EXPECT_FALSE(cache.getPlaylistForIdentifier("1001", false).has_value());
+  EXPECT_TRUE(cache.getPlaylistForIdentifier("1001", true).has_value());
+  cache.removePlaylistForIdentifier("nothing-there");
+  cache.removePlaylistForIdentifier("1001");
+  EXPECT_FALSE(cache.getPlaylistForIdentifier("1001", true).has_value());
+}
+
+TEST(PlaylistCache, ExpiryFollowsTheEngineClock) {
+  ScopedVirtualClock clock;
+  QSOPlaylistManager cache;
+  cache.addPlaylist(QSOPlaylist("b", "t", clock->wallNow() + std::chrono::seconds(10), {}), "b");
+  EXPECT_TRUE(cache.getPlaylistForIdentifier("b", false).has_value());
+  clock->advance(std::chrono::seconds(9));
+  EXPECT_TRUE(cache.getPlaylistForIdentifier("b", false).has_value());
+  clock->advance(std::chrono::seconds(1));
+  EXPECT_FALSE(cache.getPlaylistForIdentifier("b", false).has_value()) << "at expiry it is gone";
+}
+
+}  // namespace
+}  // namespace sonorell

@@ -1,0 +1,81 @@
+// The audiobooks this server offers: a fixed, deterministic list of books whose chapters are MP3
+// tones that the server renders itself into a data directory the first time and reads back later.
+// A Catalogue is immutable once loaded and may be read from any thread.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace sonorell::content {
+
+// Short books for tests, seconds per chapter.
+inline constexpr std::string_view kThreeChapterBookID = "1001";
+inline constexpr std::string_view kFourChapterBookID = "1002";
+inline constexpr std::string_view kTwoPartBookID = "1003";
+// The large book: 60 chapters in three parts.
+inline constexpr std::string_view kLargeBookID = "2001";
+
+struct Chapter {
+  std::uint64_t part = 0;
+  std::uint64_t chapter = 0;
+  std::uint64_t durationMs = 0;  // as decoded from the file
+  std::uint64_t size = 0;        // bytes of the MP3 file
+  std::string sha256;            // lower-case hex of the file's bytes
+  std::string audioPath;         // path on the server, e.g. /audio/1001/0/1.mp3
+  std::shared_ptr<const std::string> bytes;
+};
+
+struct Book {
+  std::string id;
+  std::string title;
+  std::string subTitle;
+  std::vector<std::string> authors;
+  std::vector<std::string> narrators;
+  std::vector<std::string> series;
+  std::vector<std::string> awards;
+  std::vector<std::string> bisacCodes;
+  std::string publisher;
+  std::string abridgement;
+  std::string description;
+  std::string copyright;
+  std::string gradeLevel;
+  std::string isbnLibrary;
+  std::string isbnRetail;
+  std::string language;
+  std::string modifiedDate;       // as the document carries it: 2017-03-04T10:20:30
+  std::string streetDate;         // 2017-03-04
+  std::vector<Chapter> chapters;  // part-major, chapter-minor order
+
+  std::uint64_t actualSize() const;       // sum of the chapter files
+  std::uint64_t totalDurationMs() const;  // sum of the chapter durations
+  const Chapter* chapter(std::uint64_t part, std::uint64_t chapter) const;
+};
+
+struct CatalogueLoadStats {
+  std::size_t rendered = 0;  // chapter files rendered by this load (0 when all were cached)
+  std::size_t reused = 0;    // chapter files found in the data directory
+};
+
+class Catalogue {
+ public:
+  // Renders what is missing under `dataDir`/audio and loads every book. The caller holds the
+  // data directory's lock. Throws std::runtime_error when rendering fails.
+  static Catalogue load(const std::filesystem::path& dataDir, CatalogueLoadStats* stats = nullptr);
+
+  // Bumped whenever the books or their renditions change, so that caches keyed by it stay valid.
+  static std::string_view version();
+
+  const std::vector<Book>& books() const { return books_; }
+  const Book* book(std::string_view id) const;
+  // Ids of the short books, in catalogue order.
+  std::vector<std::string> shortBookIDs() const;
+
+ private:
+  std::vector<Book> books_;
+};
+
+}  // namespace sonorell::content
