@@ -29,9 +29,12 @@ class SONORELL_EXPORT QSOSonorell {
 
   // Sets up logging, then the stores; runs once per process however often it is called.
   void didFinishLaunching();
+  // The application went to the background: listen events completed from now on say so.
   // Posts "QLBackgrounded" with { "background": "YES" }.
   void didEnterBackground();
-  // Kept for the host's sake; nothing needs doing yet at termination.
+  // The application is coming back to the foreground; listen events say so again.
+  void willEnterForeground();
+  // Completes the open listen event and waits up to 2 seconds for it to reach the archive.
   void willTerminate();
 
   void setUpLogging();

@@ -2,11 +2,14 @@
 
 #include <mutex>
 
+#include "analytics/application_state.h"
+#include "analytics/listen_event_handler.h"
 #include "persistence/filesystem_helper.h"
 #include "persistence/legacy_migration.h"
 #include "platform/foundation/library_directory.h"
 #include "sonorell/log_engine.h"
 #include "sonorell/notification_poster.h"
+#include "sonorell/persistence_engine.h"
 #include "sonorell/version.h"
 
 namespace sonorell {
@@ -45,15 +48,23 @@ void QSOSonorell::setUpLogging() {
   QSOLogEngine::setLogger(UnifiedLog::create("io.sonorell", "sdk"));
 }
 
-void QSOSonorell::setUpDBs() { FilesystemHelper::createSupportDirectory(); }
+void QSOSonorell::setUpDBs() {
+  FilesystemHelper::createSupportDirectory();
+  QSOPersistenceEngine::sharedEngine()->setUpStore();
+}
 
 void QSOSonorell::didEnterBackground() {
+  ApplicationStateTracker::set(ApplicationState::Background);
   Dictionary info;
   info.emplace("background", "YES");
   QSONotificationPoster::sharedPoster()->postNotificationWithName("QLBackgrounded",
                                                                   std::move(info));
 }
 
-void QSOSonorell::willTerminate() {}
+void QSOSonorell::willEnterForeground() {
+  ApplicationStateTracker::set(ApplicationState::Foreground);
+}
+
+void QSOSonorell::willTerminate() { QLListenEventHandler::applicationWillTerminate(); }
 
 }  // namespace sonorell
