@@ -10,7 +10,7 @@ case "$flavour" in
   default) dir=build; args=() ;;
   asan) dir=build-asan; args=(-DSONORELL_SANITIZE=asan -DSONORELL_BUILD_BENCH=OFF) ;;
   tsan) dir=build-tsan; args=(-DSONORELL_SANITIZE=tsan -DSONORELL_BUILD_BENCH=OFF
-                             -DSONORELL_BUILD_TOOLS=OFF "-DSONORELL_TEST_FILTER=dispatch") ;;
+                             -DSONORELL_BUILD_TOOLS=OFF "-DSONORELL_TEST_FILTER=dispatch;net") ;;
   *) echo "usage: $0 [default|asan|tsan]" >&2; exit 2 ;;
 esac
 

@@ -314,8 +314,9 @@ std::shared_ptr<HttpClient> HttpClient::create() {
 }
 
 std::shared_ptr<HttpClient> HttpClient::shared() {
-  static const std::shared_ptr<HttpClient> client = create();
-  return client;
+  // Never destroyed: requests still completing at exit must find it.
+  static const auto* client = new std::shared_ptr<HttpClient>(create());
+  return *client;
 }
 
 std::shared_ptr<HttpTask> HttpClient::send(HttpRequest request, Completion completion) {

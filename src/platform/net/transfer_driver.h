@@ -1,0 +1,72 @@
+// The transfer service's network side: one thread drives a libcurl multi handle for every job
+// of every session, writing each body straight to its file. Jobs are started and stopped from
+// any thread through a mutex-guarded inbox; curl handles, files and job state are touched only
+// on the driver thread, which reports to each job's sink (held weakly) on that thread.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/net/transfer_types.h"
+#include "sonorell/error.h"
+
+namespace sonorell {
+
+// Bytes free for a new file in the directory, or none when it cannot be told.
+using FreeSpaceProbe = std::function<std::optional<uint64_t>(const std::filesystem::path&)>;
+std::optional<uint64_t> freeSpaceOnFileSystem(const std::filesystem::path& directory);
+
+struct TransferJobSpec {
+  TransferRequest request;
+  std::string caBundle;
+  std::filesystem::path file;
+  // Bytes of `file` to keep and ask the rest for with Range/If-Range; 0 starts from nothing.
+  int64_t offset = 0;
+  std::string validator;
+};
+
+struct TransferJobResult {
+  enum class Kind { kFinished, kFailed, kStopped };
+  Kind kind = Kind::kFailed;
+  TransferResponse response;
+  int64_t bytesOnDisk = 0;  // size of the file now
+  ErrorPtr error;           // for kFailed
+};
+
+// Receives a job's reports on the driver thread; must return quickly.
+class TransferJobSink {
+ public:
+  virtual ~TransferJobSink() = default;
+  // The final response's headers arrived and its body is about to be written. `validator` names
+  // the resource's version (empty if the server gave none); `restarted` says that bytes kept
+  // from before were dropped (the server sent the whole resource).
+  virtual void jobResponded(uint64_t job, const TransferResponse& response,
+                            const std::string& validator, bool restarted) = 0;
+  // At most about ten times a second (Clock::current() time), and once for the last bytes.
+  virtual void jobProgressed(uint64_t job, int64_t totalOnDisk, int64_t expectedTotal) = 0;
+  // Exactly once per job, after its file is closed.
+  virtual void jobEnded(uint64_t job, TransferJobResult result) = 0;
+};
+
+class TransferDriver {
+ public:
+  struct State;  // the driver thread's state; defined in the implementation
+
+  static std::shared_ptr<TransferDriver> create(FreeSpaceProbe freeSpace = nullptr);
+  ~TransferDriver();  // stops every job (each ends as kStopped) and joins the thread
+
+  // Returns the job's key (never 0).
+  uint64_t start(TransferJobSpec spec, std::weak_ptr<TransferJobSink> sink);
+  // The job ends as kStopped (its file keeps what arrived) unless it ended already.
+  void stop(uint64_t job);
+
+ private:
+  TransferDriver() = default;
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace sonorell

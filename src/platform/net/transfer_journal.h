@@ -1,0 +1,81 @@
+// The transfer journal: one SQLite file (WAL) that records every session and task of the
+// transfer service, so that a new process adopts them. Each write is its own transaction and is
+// committed before the call returns. One connection, guarded by the journal's mutex; safe from
+// any thread.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/net/transfer_types.h"
+#include "sonorell/error.h"
+
+struct sqlite3;
+
+namespace sonorell {
+
+// Where a task's bytes stand.
+enum class TransferPhase : int {
+  kPending = 0,     // no usable bytes yet (or a restart from zero)
+  kPartial = 1,     // the file holds a prefix of the resource named by `validator`
+  kDownloaded = 2,  // the file is complete; its finish has not been handled yet
+  kFailed = 3,      // ended with `error`; not yet delivered
+};
+
+struct JournalTask {
+  std::string session;
+  uint64_t taskId = 0;
+  std::string description;
+  TransferRequest request;
+  TransferTaskState state = TransferTaskState::kSuspended;
+  TransferPhase phase = TransferPhase::kPending;
+  std::filesystem::path file;
+  std::string validator;  // ETag, else Last-Modified, of the bytes in `file`
+  int64_t expected = -1;  // length of the whole resource
+  TransferResponse response;
+  int64_t received = 0;
+  ErrorPtr error;  // domain, code and description survive; userInfo beyond that does not
+};
+
+class TransferJournal {
+ public:
+  // Opens (creating) the file. Null, with `error` set, when it cannot be opened.
+  static std::unique_ptr<TransferJournal> open(const std::filesystem::path& file,
+                                               ErrorPtr* error = nullptr);
+  ~TransferJournal();
+  TransferJournal(const TransferJournal&) = delete;
+  TransferJournal& operator=(const TransferJournal&) = delete;
+
+  // Records the session (or updates its configuration) and returns its tasks by id.
+  std::vector<JournalTask> adoptSession(const TransferSessionConfiguration& configuration);
+  void removeSession(const std::string& identifier);
+  uint64_t nextTaskId(const std::string& session);
+
+  bool insertTask(const JournalTask& task);
+  void setDescription(const std::string& session, uint64_t taskId, const std::string& text);
+  void setState(const std::string& session, uint64_t taskId, TransferTaskState state);
+  // The validator and full length of the bytes now being written to the task's file.
+  void setPartial(const std::string& session, uint64_t taskId, const std::string& validator,
+                  int64_t expected);
+  void restartFromZero(const std::string& session, uint64_t taskId);
+  void setDownloaded(const JournalTask& task);
+  void setFailed(const std::string& session, uint64_t taskId, const ErrorPtr& error);
+  void removeTask(const std::string& session, uint64_t taskId);
+
+  // Every temporary file any task still refers to.
+  std::vector<std::filesystem::path> referencedFiles();
+
+ private:
+  explicit TransferJournal(sqlite3* db) : db_(db) {}
+  bool exec(const char* sql);
+
+  std::mutex mutex_;
+  sqlite3* db_;  // guarded by mutex_
+};
+
+}  // namespace sonorell
