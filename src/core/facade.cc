@@ -16,7 +16,8 @@ namespace sonorell {
 
 std::shared_ptr<QSOSonorell> QSOSonorell::sharedEngine() {
   static std::once_flag once;
-  static std::shared_ptr<QSOSonorell> engine;
+  // Never destroyed: queued work may still reach it while the process exits.
+  static std::shared_ptr<QSOSonorell>& engine = *new std::shared_ptr<QSOSonorell>();
   std::call_once(once, [] {
     // The migrations run before either sub-engine exists, on whichever thread asked first.
     LegacyMigration::migrateFromCoreData();

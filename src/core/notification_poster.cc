@@ -51,7 +51,9 @@ QSONotificationPoster::QSONotificationPoster()
 
 std::shared_ptr<QSONotificationPoster> QSONotificationPoster::sharedPoster() {
   static std::once_flag once;
-  static std::shared_ptr<QSONotificationPoster> poster;
+  // Never destroyed: queued work may still reach it while the process exits.
+  static std::shared_ptr<QSONotificationPoster>& poster =
+      *new std::shared_ptr<QSONotificationPoster>();
   std::call_once(once, [] { poster = std::make_shared<QSONotificationPoster>(); });
   return poster;
 }

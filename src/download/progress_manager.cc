@@ -25,7 +25,8 @@ QSOProgressManager::QSOProgressManager()
 
 std::shared_ptr<QSOProgressManager> QSOProgressManager::sharedManager() {
   static std::once_flag once;
-  static std::shared_ptr<QSOProgressManager> manager;
+  // Never destroyed: queued work may still reach it while the process exits.
+  static std::shared_ptr<QSOProgressManager>& manager = *new std::shared_ptr<QSOProgressManager>();
   std::call_once(once, [] { manager = std::make_shared<QSOProgressManager>(); });
   return manager;
 }

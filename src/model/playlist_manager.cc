@@ -6,8 +6,10 @@
 namespace sonorell {
 
 std::shared_ptr<QSOPlaylistManager> QSOPlaylistManager::sharedManager() {
-  static const auto manager = std::make_shared<QSOPlaylistManager>();
-  return manager;
+  // Never destroyed: work still running at exit may use it.
+  static const auto* manager =
+      new std::shared_ptr<QSOPlaylistManager>(std::make_shared<QSOPlaylistManager>());
+  return *manager;
 }
 
 QSOPlaylistManager::QSOPlaylistManager() : queue_(DispatchQueue::create("io.sonorell.playlist")) {}

@@ -34,7 +34,8 @@ void bind(sqlite3_stmt* statement, const SqlQuery& query) {
 
 std::shared_ptr<QSODatabaseManager> QSODatabaseManager::sharedManager() {
   static std::once_flag once;
-  static std::shared_ptr<QSODatabaseManager> manager;
+  // Never destroyed: queued work may still reach it while the process exits.
+  static std::shared_ptr<QSODatabaseManager>& manager = *new std::shared_ptr<QSODatabaseManager>();
   std::call_once(once, [] { manager = std::make_shared<QSODatabaseManager>(); });
   return manager;
 }

@@ -13,7 +13,8 @@ namespace sonorell {
 
 namespace {
 std::mutex gStandardMutex;
-std::unique_ptr<UserDefaults> gStandard;
+// Not destroyed at exit (work still running then may read it); replaced only by tests.
+UserDefaults* gStandard = nullptr;
 
 nlohmann::json toJson(const Value& value) {
   if (auto* b = value.getIf<bool>()) return *b;
@@ -40,14 +41,15 @@ UserDefaults& UserDefaults::standard() {
     std::filesystem::path dir = LibraryDirectory::path().value_or("") / "SonorellSupport";
     std::error_code error;
     LibraryDirectory::createDirectories(dir, error);
-    gStandard = std::make_unique<UserDefaults>(dir / "UserDefaults.json");
+    gStandard = new UserDefaults(dir / "UserDefaults.json");
   }
   return *gStandard;
 }
 
 void UserDefaults::resetStandardForTesting() {
   std::lock_guard lock(gStandardMutex);
-  gStandard.reset();
+  delete gStandard;
+  gStandard = nullptr;
 }
 
 UserDefaults::UserDefaults(std::filesystem::path file) : file_(std::move(file)) { load(); }
