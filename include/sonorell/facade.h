@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "sonorell/download_engine.h"
@@ -20,6 +21,12 @@ class SONORELL_EXPORT QSOSonorell {
   static std::string_view currentVersion();
   // Where the engine keeps its files; only honoured before anything used the Library directory.
   static void setLibraryDirectory(const std::filesystem::path& path);
+  // The content API's base URL (resources under /v4/audiobooks) and the analytics endpoint;
+  // what a host sets wins over $SONORELL_API_BASE_URL and $SONORELL_ANALYTICS_URL.
+  static void setContentAPIBaseURL(const std::string& url);
+  static void setAnalyticsURL(const std::string& url);
+  // A PEM bundle of certificate authorities trusted besides the system's (private deployments).
+  static void setTrustedCertificates(const std::filesystem::path& pemFile);
 
   // Hosts use sharedEngine(); this only creates the two sub-engines.
   QSOSonorell();

@@ -7,6 +7,7 @@
 #include "persistence/filesystem_helper.h"
 #include "persistence/legacy_migration.h"
 #include "platform/foundation/library_directory.h"
+#include "platform/net/http_client.h"
 #include "sonorell/log_engine.h"
 #include "sonorell/notification_poster.h"
 #include "sonorell/persistence_engine.h"
@@ -31,6 +32,14 @@ std::string_view QSOSonorell::currentVersion() { return kSonorellVersion; }
 
 void QSOSonorell::setLibraryDirectory(const std::filesystem::path& path) {
   LibraryDirectory::setPath(path);
+}
+
+void QSOSonorell::setContentAPIBaseURL(const std::string& url) { HttpClient::setAPIBaseURL(url); }
+
+void QSOSonorell::setAnalyticsURL(const std::string& url) { HttpClient::setAnalyticsURL(url); }
+
+void QSOSonorell::setTrustedCertificates(const std::filesystem::path& pemFile) {
+  HttpClient::shared()->setCABundle(pemFile.string());
 }
 
 QSOSonorell::QSOSonorell()
