@@ -35,14 +35,14 @@ RangeAnswer answerRange(std::optional<std::string_view> range,
   RangeAnswer whole{RangeAnswer::Kind::kWhole, 0, size};
   if (!range) return whole;
   if (ifRange && !validatorMatches(*ifRange, etag, lastModified)) return whole;
-  std::string_view spec = trim(*range);
-  if (!spec.starts_with("bytes=")) return whole;
-  spec = trim(spec.substr(6));
-  if (spec.find(',') != std::string_view::npos) return whole;
-  const auto dash = spec.find('-');
+  std::string_view rangeText = trim(*range);
+  if (!rangeText.starts_with("bytes=")) return whole;
+  rangeText = trim(rangeText.substr(6));
+  if (rangeText.find(',') != std::string_view::npos) return whole;
+  const auto dash = rangeText.find('-');
   if (dash == std::string_view::npos) return whole;
-  const std::string_view first = trim(spec.substr(0, dash));
-  const std::string_view last = trim(spec.substr(dash + 1));
+  const std::string_view first = trim(rangeText.substr(0, dash));
+  const std::string_view last = trim(rangeText.substr(dash + 1));
   const RangeAnswer unsatisfiable{RangeAnswer::Kind::kUnsatisfiable, 0, 0};
 
   if (first.empty()) {  // suffix: the last N bytes

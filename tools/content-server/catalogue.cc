@@ -47,14 +47,14 @@ Book describe(std::string id, std::string title, std::string subTitle, std::stri
 }
 
 std::vector<BookSpec> bookSpecs() {
-  std::vector<BookSpec> specs;
-  specs.push_back({describe(std::string(kThreeChapterBookID), "Three Small Tones", "A Short Test",
+  std::vector<BookSpec> books;
+  books.push_back({describe(std::string(kThreeChapterBookID), "Three Small Tones", "A Short Test",
                             "Ada Sine", "Nora Tone", "Tones"),
                    {{0, 1, {440, 2}}, {0, 2, {523, 3}}, {0, 3, {659, 4}}}});
-  specs.push_back({describe(std::string(kFourChapterBookID), "Four Quiet Rooms", "", "Ada Sine",
+  books.push_back({describe(std::string(kFourChapterBookID), "Four Quiet Rooms", "", "Ada Sine",
                             "Nora Tone", "Tones"),
                    {{0, 1, {330, 2}}, {0, 2, {392, 3}}, {0, 3, {494, 5}}, {0, 4, {587, 6}}}});
-  specs.push_back({describe(std::string(kTwoPartBookID), "Two Parts of a Tone", "In Two Parts",
+  books.push_back({describe(std::string(kTwoPartBookID), "Two Parts of a Tone", "In Two Parts",
                             "Ben Chord", "Nora Tone", "Parts"),
                    {{1, 1, {698, 2}}, {1, 2, {784, 3}}, {2, 1, {880, 2}}, {2, 2, {988, 3}}}});
   // Eight renditions serve the 60 chapters, so a cold start renders little audio.
@@ -65,8 +65,8 @@ std::vector<BookSpec> bookSpecs() {
     const int variant = static_cast<int>(g % 8);
     large.chapters.push_back({1 + g / 20, 1 + g % 20, {200 + 50 * variant, 6 + variant}});
   }
-  specs.push_back(std::move(large));
-  return specs;
+  books.push_back(std::move(large));
+  return books;
 }
 
 // One rendered file, shared by every chapter that uses the same tone.
@@ -131,9 +131,9 @@ Catalogue Catalogue::load(const std::filesystem::path& dataDir, CatalogueLoadSta
   };
 
   Catalogue catalogue;
-  for (BookSpec& spec : bookSpecs()) {
-    Book book = std::move(spec.book);
-    for (const ChapterSpec& c : spec.chapters) {
+  for (BookSpec& entry : bookSpecs()) {
+    Book book = std::move(entry.book);
+    for (const ChapterSpec& c : entry.chapters) {
       const Rendition& r = renditionFor(c.tone);
       book.chapters.push_back(Chapter{c.part, c.chapter, r.durationMs, r.bytes->size(), r.sha256,
                                       audioPath(book.id, c.part, c.chapter), r.bytes});

@@ -48,18 +48,18 @@ double doubleOf(const FormatArg& arg) {
 }
 
 template <class T>
-std::string printfOne(const std::string& spec, T value) {
+std::string printfOne(const std::string& conversion, T value) {
   char buf[128];
-  int n = std::snprintf(buf, sizeof buf, spec.c_str(), value);
+  int n = std::snprintf(buf, sizeof buf, conversion.c_str(), value);
   if (n < 0) return {};
   if (static_cast<size_t>(n) < sizeof buf) return std::string(buf, static_cast<size_t>(n));
   std::string big(static_cast<size_t>(n) + 1, '\0');
-  std::snprintf(big.data(), big.size(), spec.c_str(), value);
+  std::snprintf(big.data(), big.size(), conversion.c_str(), value);
   big.resize(static_cast<size_t>(n));
   return big;
 }
 
-// Pads a text to the field width of a "%-10@"-style specification.
+// Pads a text to the field width of a "%-10@"-style conversion.
 std::string padded(const std::string& flags, int width, std::string text) {
   if (width <= 0 || text.size() >= static_cast<size_t>(width)) return text;
   std::string pad(static_cast<size_t>(width) - text.size(), ' ');

@@ -35,7 +35,7 @@ std::string trimmed(std::string_view s) {
 
 struct Job {
   uint64_t key = 0;
-  TransferJobSpec spec;
+  TransferJobSpec plan;
   std::weak_ptr<TransferJobSink> sink;
   CURL* easy = nullptr;
   curl_slist* headerList = nullptr;
@@ -80,7 +80,7 @@ struct Job {
 
   bool truncateTo(int64_t size) {
     if (::ftruncate(fd, size) != 0 || ::lseek(fd, size, SEEK_SET) < 0) {
-      abortError = Error::posix(errno, "truncating " + spec.file.string());
+      abortError = Error::posix(errno, "truncating " + plan.file.string());
       return false;
     }
     onDisk = size;
@@ -94,25 +94,25 @@ struct Job {
     bool restarted = false;
     curl_off_t length = -1;
     curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
-    if (r.statusCode == 206 && spec.offset > 0) {
+    if (r.statusCode == 206 && plan.offset > 0) {
       auto range = parseContentRange(headerValue(headers, "Content-Range").value_or(""));
-      if (!range || range->first != spec.offset) {
+      if (!range || range->first != plan.offset) {
         abortError = transferError(kURLErrorBadServerResponse,
                                    "the server answered a different range than was asked for");
         return false;
       }
-      expectedTotal = range->total >= 0 ? range->total : (length >= 0 ? spec.offset + length : -1);
+      expectedTotal = range->total >= 0 ? range->total : (length >= 0 ? plan.offset + length : -1);
       continued = true;
     } else {
       // The whole resource (the range was ignored or the validator no longer matched), or an
       // error document: the file holds only this body.
-      restarted = spec.offset > 0;
+      restarted = plan.offset > 0;
       if (!truncateTo(0)) return false;
       expectedTotal = length >= 0 ? static_cast<int64_t>(length) : -1;
     }
     r = response();
     if (expectedTotal > onDisk && freeSpace && *freeSpace) {
-      auto directory = spec.file.parent_path();
+      auto directory = plan.file.parent_path();
       if (auto free = (*freeSpace)(directory); free && *free < uint64_t(expectedTotal - onDisk)) {
         abortError = noSpaceError(uint64_t(expectedTotal - onDisk), *free);
         return false;
@@ -141,7 +141,7 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
     ssize_t w = ::write(job->fd, data + written, n - written);
     if (w < 0) {
       if (errno == EINTR) continue;
-      job->abortError = Error::posix(errno, "writing " + job->spec.file.string());
+      job->abortError = Error::posix(errno, "writing " + job->plan.file.string());
       return 0;
     }
     written += static_cast<size_t>(w);
@@ -200,19 +200,19 @@ struct TransferDriver::State {
 
   // Opens the file and sets up the handle; false (with the job ended) when it cannot.
   bool configure(Job& job) {
-    const bool resume = job.spec.offset > 0 && !job.spec.validator.empty();
-    job.fd = ::open(job.spec.file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const bool resume = job.plan.offset > 0 && !job.plan.validator.empty();
+    job.fd = ::open(job.plan.file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     if (job.fd < 0) {
-      job.abortError = Error::posix(errno, "opening " + job.spec.file.string());
+      job.abortError = Error::posix(errno, "opening " + job.plan.file.string());
       return false;
     }
-    if (!job.truncateTo(resume ? job.spec.offset : 0)) return false;
-    if (!resume) job.spec.offset = 0;
+    if (!job.truncateTo(resume ? job.plan.offset : 0)) return false;
+    if (!resume) job.plan.offset = 0;
     job.lastReported = job.onDisk;  // bytes kept from before are no news
     job.freeSpace = &freeSpace;
     job.easy = curl_easy_init();
     CURL* e = job.easy;
-    const auto& request = job.spec.request;
+    const auto& request = job.plan.request;
     curl_easy_setopt(e, CURLOPT_URL, request.url.c_str());
     curl_easy_setopt(e, CURLOPT_PRIVATE, &job);
     curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
@@ -234,15 +234,15 @@ struct TransferDriver::State {
     curl_easy_setopt(e, CURLOPT_LOW_SPEED_TIME, timeoutSeconds);
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);
-    if (!job.spec.caBundle.empty()) {
-      curl_easy_setopt(e, CURLOPT_CAINFO, job.spec.caBundle.c_str());
+    if (!job.plan.caBundle.empty()) {
+      curl_easy_setopt(e, CURLOPT_CAINFO, job.plan.caBundle.c_str());
       curl_easy_setopt(e, CURLOPT_CAPATH, "/etc/ssl/certs");
     }
     job.headerList = curl_slist_append(job.headerList, "Cache-Control: no-cache");
     job.headerList = curl_slist_append(job.headerList, "Pragma: no-cache");
     if (resume) {
-      const std::string range = "Range: bytes=" + std::to_string(job.spec.offset) + "-";
-      const std::string ifRange = "If-Range: " + job.spec.validator;
+      const std::string range = "Range: bytes=" + std::to_string(job.plan.offset) + "-";
+      const std::string ifRange = "If-Range: " + job.plan.validator;
       job.headerList = curl_slist_append(job.headerList, range.c_str());
       job.headerList = curl_slist_append(job.headerList, ifRange.c_str());
     }
@@ -376,9 +376,9 @@ TransferDriver::~TransferDriver() {
   }
 }
 
-uint64_t TransferDriver::start(TransferJobSpec spec, std::weak_ptr<TransferJobSink> sink) {
+uint64_t TransferDriver::start(TransferJobSpec plan, std::weak_ptr<TransferJobSink> sink) {
   auto job = std::make_unique<Job>();
-  job->spec = std::move(spec);
+  job->plan = std::move(plan);
   job->sink = std::move(sink);
   uint64_t key;
   {

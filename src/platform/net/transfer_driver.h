@@ -60,7 +60,7 @@ class TransferDriver {
   ~TransferDriver();  // stops every job (each ends as kStopped) and joins the thread
 
   // Returns the job's key (never 0).
-  uint64_t start(TransferJobSpec spec, std::weak_ptr<TransferJobSink> sink);
+  uint64_t start(TransferJobSpec plan, std::weak_ptr<TransferJobSink> sink);
   // The job ends as kStopped (its file keeps what arrived) unless it ended already.
   void stop(uint64_t job);
 

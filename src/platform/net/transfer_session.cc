@@ -260,16 +260,16 @@ void TransferSession::pumpLocked() {
 }
 
 void TransferSession::startLocked(Record& record) {
-  TransferJobSpec spec;
-  spec.request = record.task->originalRequest();
-  spec.caBundle =
+  TransferJobSpec plan;
+  plan.request = record.task->originalRequest();
+  plan.caBundle =
       configuration_.caBundle.empty() ? HttpClient::shared()->caBundle() : configuration_.caBundle;
-  spec.file = record.file;
+  plan.file = record.file;
   if (record.phase == TransferPhase::kPartial && !record.validator.empty()) {
-    spec.offset = std::max<int64_t>(0, fileSize(record.file));
-    spec.validator = record.validator;
+    plan.offset = std::max<int64_t>(0, fileSize(record.file));
+    plan.validator = record.validator;
   }
-  record.job = environment_.driver->start(std::move(spec), sink_);
+  record.job = environment_.driver->start(std::move(plan), sink_);
   jobs_[record.job] = record.task->taskIdentifier();
 }
 
