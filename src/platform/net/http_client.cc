@@ -48,6 +48,16 @@ std::optional<std::string> HttpResponse::header(std::string_view name) const {
   return std::nullopt;
 }
 
+void configureTLSVerification(void* easy, const std::string& caBundle) {
+  CURL* e = static_cast<CURL*>(easy);
+  curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);
+  if (!caBundle.empty()) {
+    curl_easy_setopt(e, CURLOPT_CAINFO, caBundle.c_str());
+    curl_easy_setopt(e, CURLOPT_CAPATH, "/etc/ssl/certs");
+  }
+}
+
 ErrorPtr urlErrorForCurlCode(int curlCode, const std::string& curlMessage, long osErrno) {
   int64_t code = kURLErrorUnknown;
   switch (static_cast<CURLcode>(curlCode)) {
@@ -177,13 +187,7 @@ struct HttpClient::State {
     curl_easy_setopt(e, CURLOPT_HEADERDATA, &t);
     curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(t.request.timeout.count()));
     curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(t.request.timeout.count()));
-    curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
-    curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);
-    if (!bundle.empty()) {
-      // The host's bundle is trusted besides the system's certificate directory.
-      curl_easy_setopt(e, CURLOPT_CAINFO, bundle.c_str());
-      curl_easy_setopt(e, CURLOPT_CAPATH, "/etc/ssl/certs");
-    }
+    configureTLSVerification(e, bundle);
     curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
     if (t.request.method == "GET") {
       curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);

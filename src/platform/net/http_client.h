@@ -76,6 +76,10 @@ class HttpClient : public std::enable_shared_from_this<HttpClient> {
   std::shared_ptr<State> state_;
 };
 
+// Verification on, and a host's extra CA bundle trusted besides the system's certificate
+// directory; shared by the data client and the transfer service. `easy` is a CURL handle.
+void configureTLSVerification(void* easy, const std::string& caBundle);
+
 // Maps a libcurl result (and, for connection failures, the OS error) to a URL-loading error;
 // shared by the data client and the transfer service.
 ErrorPtr urlErrorForCurlCode(int curlCode, const std::string& curlMessage, long osErrno = 0);

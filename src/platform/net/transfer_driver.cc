@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "platform/dispatch/clock.h"
+#include "platform/net/http_client.h"
 #include "platform/net/transfer_errors.h"
 #include "platform/net/transfer_http.h"
 
@@ -232,12 +233,7 @@ struct TransferDriver::State {
     curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, timeoutMs);
     curl_easy_setopt(e, CURLOPT_LOW_SPEED_LIMIT, 1L);
     curl_easy_setopt(e, CURLOPT_LOW_SPEED_TIME, timeoutSeconds);
-    curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
-    curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);
-    if (!job.plan.caBundle.empty()) {
-      curl_easy_setopt(e, CURLOPT_CAINFO, job.plan.caBundle.c_str());
-      curl_easy_setopt(e, CURLOPT_CAPATH, "/etc/ssl/certs");
-    }
+    configureTLSVerification(e, job.plan.caBundle);
     job.headerList = curl_slist_append(job.headerList, "Cache-Control: no-cache");
     job.headerList = curl_slist_append(job.headerList, "Pragma: no-cache");
     if (resume) {
