@@ -23,6 +23,7 @@ echo "== build (ASan+UBSan)"
 bash scripts/build.sh asan
 echo "== tests (ASan+UBSan)"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  LSAN_OPTIONS=suppressions=$PWD/scripts/lsan.supp:print_suppressions=0 \
   run_ctest build-asan asan
 
 echo "== build (TSan)"
