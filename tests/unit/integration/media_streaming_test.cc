@@ -81,6 +81,7 @@ TEST(MediaStreaming, RedirectedItemPlaysFromTheServerWithRangeRequests) {
   }
   EXPECT_TRUE(sawRange);
   player.reset();
+  EXPECT_TRUE(DispatchQueue::waitUntilAllIdle(std::chrono::seconds(20)));  // pipeline torn down
   server.stop();
 }
 

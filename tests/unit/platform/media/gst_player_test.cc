@@ -26,8 +26,11 @@ class GstPlayerTest : public ::testing::Test {
     recorder_ = std::make_unique<PlayerRecorder>(*player_);
   }
   void TearDown() override {
-    recorder_.reset();
+    // The player first, then its queued notifications and the pipeline's teardown (done on a
+    // queue when released on a streaming thread), and only then the recorder they write to.
     player_.reset();
+    EXPECT_TRUE(DispatchQueue::waitUntilAllIdle(std::chrono::seconds(20)));
+    recorder_.reset();
   }
 
   std::shared_ptr<PlayerItem> item(const std::filesystem::path& file, const std::string& name) {
