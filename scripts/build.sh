@@ -15,5 +15,9 @@ case "$flavour" in
 esac
 
 jobs=${SONORELL_JOBS:-$(nproc)}
+# A rebuild on the same machine recompiles only what changed.
+if command -v ccache >/dev/null; then
+  args+=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
 cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "${args[@]}" >/dev/null
 cmake --build "$dir" -j "$jobs" "$@"
