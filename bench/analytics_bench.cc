@@ -11,6 +11,7 @@
 
 #include "analytics/listen_event_archive.h"
 #include "analytics/listen_event_poster.h"
+#include "core/service_urls.h"
 #include "persistence/filesystem_helper.h"
 #include "platform/foundation/library_directory.h"
 #include "platform/net/http_client.h"
@@ -52,8 +53,8 @@ fs::path freshLibrary() {
 void submitToPoster(benchmark::State& state, int queued) {
   fs::path library = freshLibrary();
   // Never posts: no size trigger, no timer within the run, and nothing listening there anyway.
-  HttpClient::setAnalyticsURL("https://127.0.0.1:9/v4/analytics");
-  auto poster = QLListenEventPoster::create(INT32_MAX, INT32_MAX);
+  ServiceURLs::setAnalyticsURL("https://127.0.0.1:9/v4/analytics");
+  auto poster = QLListenEventPoster::create(HttpClient::shared(), INT32_MAX, INT32_MAX);
   for (int i = 0; i < queued; ++i) poster->submitListenEvent(makeEvent(static_cast<uint64_t>(i)));
   poster->waitForReadWrite(std::chrono::minutes(10));
   uint64_t n = static_cast<uint64_t>(queued);

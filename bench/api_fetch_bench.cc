@@ -9,6 +9,8 @@
 #include <future>
 
 #include "content_server.h"
+#include "core/service_urls.h"
+#include "download/metadata_status_recorder.h"
 #include "model/audiobook_api_fetch.h"
 #include "model/playlist_api_fetch.h"
 #include "persistence/chapter_status.h"
@@ -27,7 +29,7 @@ content::ContentServer& server() {
     auto* created = new content::ContentServer();
     created->start();
     HttpClient::shared()->setCABundle(created->caCertificatePath().string());
-    HttpClient::setAPIBaseURL(created->baseURL());
+    ServiceURLs::setAPIBaseURL(created->baseURL());
     return created;
   }();
   return *s;
@@ -65,7 +67,8 @@ void BM_EngineMetadataFetch(benchmark::State& state) {
     QSOChapterStatus::deleteAllForAudiobookID(id);
     state.ResumeTiming();
     std::promise<ErrorPtr> done;
-    auto fetch = std::make_shared<QSOAudiobookAPIFetch>("bench");
+    auto fetch = std::make_shared<QSOAudiobookAPIFetch>(
+        "bench", HttpClient::shared(), std::make_shared<QSOMetadataStatusRecorder>());
     fetch->fetchAudiobook(id, [&done](ErrorPtr e) { done.set_value(e); });
     if (done.get_future().get()) state.SkipWithError("metadata fetch failed");
   }
@@ -88,7 +91,7 @@ void BM_EnginePlaylistFetch(benchmark::State& state) {
   for (auto _ : state) {
     std::promise<bool> done;
     QSOPlaylistAPIFetch::fetchPlaylist(
-        id, "license", "bench",
+        *HttpClient::shared(), id, "license", "bench",
         [&done](std::optional<QSOPlaylist> p, ErrorPtr) { done.set_value(p.has_value()); });
     if (!done.get_future().get()) state.SkipWithError("playlist fetch failed");
   }

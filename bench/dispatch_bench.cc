@@ -12,10 +12,10 @@
 #include <utility>
 #include <vector>
 
+#include "core/notification_poster.h"
 #include "platform/dispatch/dispatch_queue.h"
 #include "ratio_reporter.h"
 #include "sonorell/notification_center.h"
-#include "sonorell/notification_poster.h"
 
 namespace sonorell {
 namespace {

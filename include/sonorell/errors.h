@@ -2,9 +2,74 @@
 // host can compare what it receives. Constants only.
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 
 namespace sonorell {
+
+// Codes of download failures, as errors of QSOErrorDomain carry them.
+enum class QSODownloadFailureCode : int64_t {
+  Unknown = 10000,
+  UnknownServerResponse = 10001,
+  InvalidChapterDownloadRequest = 11000,
+  UnknownDownloadChapterLookup = 11001,
+  UnknownStreamChapterLookup = 11002,
+  ChapterAlreadyInProgress = 11003,
+  InvalidAudiobookDownloadRequest = 11004,
+  MetadataUnavailable = 11005,
+  MetadataInvalidSession = 11006,
+  CouldNotConstructRequest = 11007,
+  DownloadUnauthorized = 11008,
+  InternalServerError = 11009,
+  RequestTimedOut = 11010,
+  InvalidSession = 12000,
+  InvalidLicenseID = 12001,
+  CheckoutIDExpired = 12002,
+  SetupFailed = 12003,
+  DownloadRequestFailedSaveToDatabase = 12004,
+  AudiobookDownloadStatusFailedSaveToDatabase = 12005,
+  ChapterDownloadStatusFailedSaveToDatabase = 12006,
+  DownloadPlaylistInvalidSession = 13000,
+  DownloadPlaylistBadResponse = 13001,
+  DownloadPlaylistCannotBeLoaded = 13002,
+  DownloadAudioBadResponse = 15000,
+  DownloadAudioMoveFailure = 15001,
+  FileIncomplete = 15002,
+  DownloadCancelled = 16000,
+  BadJSON = 17000,
+  NoSpace = 18000,
+  NetworkSecurityError = 19000,
+};
+
+// Codes of playback failures, as errors of QSOErrorDomain carry them.
+enum class QSOPlaybackFailureCode : int64_t {
+  FileNotFound = 20000,
+  ResourceCannotBeLoaded = 20001,
+  InvalidAudiobookID = 20002,
+  InvalidChapter = 20003,
+  PlaylistCannotBeLoaded = 20004,
+  ServerSideError = 20005,
+  InvalidLicenseID = 20006,
+  Unknown = 20007,
+  UnknownServerResponse = 20008,
+  MetadataUnavailable = 20009,
+  UnableToPlayback = 21000,
+  CellularProhibited = 21001,
+  PlayerItemFailed = 22000,
+  PlaybackExtendedStall = 22001,
+  PlayerStatusUnknown = 22002,
+  PlayerEarlyFailure = 22003,
+  PlayerEarlyEnd = 22004,
+  QueueLoadFailure = 22005,
+  PlaybackUnauthorized = 23000,
+  StreamingUnavailable = 24000,
+  StreamingURLError = 24001,
+  FileOpenFailure = 25000,
+  FileReadFailure = 25001,
+  FileNoDataFailure = 25002,
+  FileSeekFailure = 25003,
+  AudioSessionActivationFailure = 26000,
+};
 
 // The domain of every error the engine creates (the library's bundle identifier).
 inline constexpr std::string_view QSOErrorDomain = "io.sonorell.Sonorell";

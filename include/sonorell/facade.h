@@ -14,6 +14,8 @@
 
 namespace sonorell {
 
+struct Services;
+
 class SONORELL_EXPORT QSOSonorell {
  public:
   // The one engine, created on the first call (after the legacy migrations ran, once).
@@ -28,9 +30,6 @@ class SONORELL_EXPORT QSOSonorell {
   // A PEM bundle of certificate authorities trusted besides the system's (private deployments).
   static void setTrustedCertificates(const std::filesystem::path& pemFile);
 
-  // Hosts use sharedEngine(); this only creates the two sub-engines.
-  QSOSonorell();
-
   std::shared_ptr<QSODownloadEngine> downloadEngine() const { return downloadEngine_; }
   std::shared_ptr<QSOPlaybackEngine> playbackEngine() const { return playbackEngine_; }
 
@@ -44,10 +43,13 @@ class SONORELL_EXPORT QSOSonorell {
   // Completes the open listen event and waits up to 2 seconds for it to reach the archive.
   void willTerminate();
 
+ private:
+  friend class EngineComposition;
+  // Creates the two sub-engines on these services.
+  explicit QSOSonorell(std::shared_ptr<const Services> services);
   void setUpLogging();
   void setUpDBs();
 
- private:
   const std::shared_ptr<QSODownloadEngine> downloadEngine_;
   const std::shared_ptr<QSOPlaybackEngine> playbackEngine_;
 };

@@ -41,6 +41,8 @@ inline constexpr std::string_view QSODatabaseVerificationCompleteNotification =
 inline constexpr std::string_view QSOAuditAudiobookStatusUpdatedNotification =
     "QSOAuditAudiobookStatusUpdated";
 inline constexpr std::string_view QSOAuditChapterDeletedNotification = "QSOAuditChapterDeleted";
+// Posted when the application goes to the background, with { "background": "YES" } (a string).
+inline constexpr std::string_view QLBackgroundedNotification = "QLBackgrounded";
 inline constexpr std::string_view QSOPlaybackChapterLoadedNotification = "QSOChapterLoaded";
 inline constexpr std::string_view QSOPlaybackChapterStartedNotification =
     "QSOChapterPlaybackStarted";

@@ -58,9 +58,6 @@ class SONORELL_EXPORT QSOPersistenceEngine {
   uint64_t audiobooksPageSize() const;
   void setAudiobooksPageSize(uint64_t pageSize);
 
-  // Called just before a thread other than the main one starts waiting for the set-up.
-  void setWaitObserverForTesting(std::function<void()> observer);
-
  private:
   struct Impl;
   std::shared_ptr<Impl> impl_;

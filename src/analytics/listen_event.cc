@@ -4,7 +4,7 @@
 #include <limits>
 
 #include "analytics/listen_event_serializer.h"
-#include "sonorell/format.h"
+#include "platform/foundation/format.h"
 
 namespace sonorell {
 

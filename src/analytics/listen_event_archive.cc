@@ -14,8 +14,8 @@
 #include <sstream>
 #include <unordered_map>
 
+#include "core/logging.h"
 #include "platform/foundation/library_directory.h"
-#include "sonorell/log_engine.h"
 
 namespace sonorell {
 

@@ -3,9 +3,10 @@
 #include <atomic>
 
 #include "analytics/application_state.h"
+#include "core/logging.h"
 #include "platform/dispatch/clock.h"
+#include "platform/services.h"
 #include "sonorell/listen_event.h"
-#include "sonorell/log_engine.h"
 
 namespace sonorell {
 
@@ -23,7 +24,8 @@ bool isMissing(const std::optional<std::string>& text) { return !text || text->e
 
 std::shared_ptr<QLListenEventHandler> QLListenEventHandler::sharedHandler() {
   static std::shared_ptr<QLListenEventHandler> handler = [] {
-    auto made = std::make_shared<QLListenEventHandler>(QLListenEventPoster::create(10, 300));
+    auto made = std::make_shared<QLListenEventHandler>(
+        QLListenEventPoster::create(Services::system()->http, 10, 300));
     sharedHandlerMade.store(true, std::memory_order_release);
     return made;
   }();

@@ -4,9 +4,10 @@
 #include <unordered_set>
 
 #include "analytics/analytics_body.h"
+#include "core/logging.h"
+#include "core/service_urls.h"
 #include "persistence/filesystem_helper.h"
 #include "platform/foundation/uuid.h"
-#include "sonorell/log_engine.h"
 
 namespace sonorell {
 
@@ -15,18 +16,19 @@ constexpr std::chrono::seconds kRequestTimeout{30};
 constexpr int kNoContent = 204;
 }  // namespace
 
-std::shared_ptr<QLListenEventPoster> QLListenEventPoster::create() { return create(15, 300); }
-
-std::shared_ptr<QLListenEventPoster> QLListenEventPoster::create(int32_t maxEventQueueSize,
+std::shared_ptr<QLListenEventPoster> QLListenEventPoster::create(std::shared_ptr<HttpClient> http,
+                                                                 int32_t maxEventQueueSize,
                                                                  int32_t flushInterval) {
   std::shared_ptr<QLListenEventPoster> poster(
-      new QLListenEventPoster(maxEventQueueSize, flushInterval));
+      new QLListenEventPoster(std::move(http), maxEventQueueSize, flushInterval));
   poster->start();
   return poster;
 }
 
-QLListenEventPoster::QLListenEventPoster(int32_t maxEventQueueSize, int32_t flushInterval)
-    : eventQueueFlushInterval_(flushInterval),
+QLListenEventPoster::QLListenEventPoster(std::shared_ptr<HttpClient> http,
+                                         int32_t maxEventQueueSize, int32_t flushInterval)
+    : http_(std::move(http)),
+      eventQueueFlushInterval_(flushInterval),
       maxEventQueueSize_(maxEventQueueSize),
       networkingQueue_(DispatchQueue::create("io.sonorell.listeningevent")),
       readWriteQueue_(DispatchQueue::create("io.sonorell.listeningevent.readwrite")),
@@ -93,7 +95,7 @@ void QLListenEventPoster::flushListeningEventQueue() {
     // The group covers the request until its completion has been handled.
     std::shared_ptr<DispatchGroup> group = self->networkingEventGroup_;
     group->enter();
-    HttpClient::shared()->send(
+    self->http_->send(
         std::move(*request),
         [weak, requestID, group](std::optional<HttpResponse> response, ErrorPtr error) {
           if (auto owner = weak.lock()) owner->didComplete(requestID, response, error);
@@ -105,7 +107,7 @@ void QLListenEventPoster::flushListeningEventQueue() {
 std::optional<HttpRequest> QLListenEventPoster::analyticsAPIRequest() {
   HttpRequest request;
   request.method = "POST";
-  request.url = HttpClient::analyticsURL();
+  request.url = ServiceURLs::analyticsURL();
   request.timeout = kRequestTimeout;
   std::string requestID = makeUUIDString();
   request.headers.emplace_back("X-Request-Id", requestID);

@@ -24,11 +24,10 @@ namespace sonorell {
 
 class QLListenEventPoster : public std::enable_shared_from_this<QLListenEventPoster> {
  public:
-  // A queue of at most 15 before a submit flushes, and a flush every 300 seconds.
-  static std::shared_ptr<QLListenEventPoster> create();
-  // Reads the archive into the queue and starts the timer (first flush one interval from now,
-  // on Clock::current()).
-  static std::shared_ptr<QLListenEventPoster> create(int32_t maxEventQueueSize,
+  // Posts through `http`. Reads the archive into the queue and starts the timer (first flush one
+  // interval from now, on Clock::current()).
+  static std::shared_ptr<QLListenEventPoster> create(std::shared_ptr<HttpClient> http,
+                                                     int32_t maxEventQueueSize,
                                                      int32_t flushInterval);
   ~QLListenEventPoster();
   QLListenEventPoster(const QLListenEventPoster&) = delete;
@@ -53,7 +52,8 @@ class QLListenEventPoster : public std::enable_shared_from_this<QLListenEventPos
   size_t processingRequestCountForTesting();
 
  private:
-  QLListenEventPoster(int32_t maxEventQueueSize, int32_t flushInterval);
+  QLListenEventPoster(std::shared_ptr<HttpClient> http, int32_t maxEventQueueSize,
+                      int32_t flushInterval);
   void start();
 
   // Readwrite queue only.
@@ -66,6 +66,7 @@ class QLListenEventPoster : public std::enable_shared_from_this<QLListenEventPos
   void didComplete(const std::string& requestID, const std::optional<HttpResponse>& response,
                    const ErrorPtr& error);
 
+  const std::shared_ptr<HttpClient> http_;
   const int32_t eventQueueFlushInterval_;
   const int32_t maxEventQueueSize_;
   const DispatchQueuePtr networkingQueue_;

@@ -1,7 +1,7 @@
 #include "core/error_transformer.h"
 
 #include "core/error_descriptions.h"
-#include "sonorell/format.h"
+#include "platform/foundation/format.h"
 
 namespace sonorell {
 

@@ -1,12 +1,12 @@
-#include "sonorell/notification_poster.h"
+#include "core/notification_poster.h"
 
 #include <mutex>
 
 #include "core/error_descriptions.h"
 #include "core/error_transformer.h"
+#include "core/logging.h"
 #include "platform/dispatch/dispatch_queue.h"
 #include "sonorell/errors.h"
-#include "sonorell/log_engine.h"
 #include "sonorell/notification_center.h"
 #include "sonorell/notifications.h"
 

@@ -1,5 +1,7 @@
 #include "sonorell/utils.h"
 
+#include "sonorell/main_queue.h"
+
 #include "platform/dispatch/dispatch_queue.h"
 #include "platform/foundation/uuid.h"
 
@@ -30,5 +32,13 @@ void QSORunOnMainThreadAsync(std::function<void()> block) {
     DispatchQueue::main()->async(std::move(block));
   }
 }
+
+void QSORunMainQueue() { DispatchQueue::runMain(); }
+
+void QSOStopMainQueue() { DispatchQueue::stopMain(); }
+
+size_t QSOPumpMainQueue() { return DispatchQueue::pumpMain(); }
+
+bool QSOIsMainThread() { return DispatchQueue::isMainThread(); }
 
 }  // namespace sonorell

@@ -1,6 +1,6 @@
 #include "download/download_request_utilities.h"
 
-#include "sonorell/log_engine.h"
+#include "core/logging.h"
 #include "sonorell/utils.h"
 
 namespace sonorell {

@@ -1,6 +1,6 @@
 #include "download/progress.h"
 
-#include "sonorell/format.h"
+#include "platform/foundation/format.h"
 
 namespace sonorell {
 

@@ -2,10 +2,10 @@
 
 #include <vector>
 
+#include "core/logging.h"
 #include "persistence/audiobook_status.h"
 #include "persistence/chapter_status.h"
-#include "sonorell/format.h"
-#include "sonorell/log_engine.h"
+#include "platform/foundation/format.h"
 
 namespace sonorell {
 

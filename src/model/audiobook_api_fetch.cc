@@ -1,12 +1,9 @@
 #include "model/audiobook_api_fetch.h"
 
+#include "core/logging.h"
+#include "core/service_urls.h"
 #include "model/json_reading.h"
-#include "persistence/chapter_status.h"
-#include "sonorell/download_engine.h"
 #include "sonorell/errors.h"
-#include "sonorell/log_engine.h"
-#include "sonorell/notification_poster.h"
-#include "sonorell/notifications.h"
 #include "sonorell/utils.h"
 
 namespace sonorell {
@@ -22,20 +19,16 @@ std::string replaceNulls(std::string text) {
   }
   return text;
 }
-
-ErrorPtr errorFromFailureDictionary(const Dictionary& dict) {
-  auto it = dict.find(QSOSonorellErrorUserInfoKey);
-  return it == dict.end() ? nullptr : it->second.asError();
-}
 }  // namespace
 
-QSOAudiobookAPIFetch::QSOAudiobookAPIFetch(std::string sessionKey)
-    : sessionKey_(std::move(sessionKey)) {}
+QSOAudiobookAPIFetch::QSOAudiobookAPIFetch(std::string sessionKey, std::shared_ptr<HttpClient> http,
+                                           std::shared_ptr<QSOMetadataRecorder> recorder)
+    : sessionKey_(std::move(sessionKey)), http_(std::move(http)), recorder_(std::move(recorder)) {}
 
 HttpRequest QSOAudiobookAPIFetch::buildRequest() {
   HttpRequest request;
   std::string url = json_reading::percentEscapeURL(
-      stringWithFormat("%@/%@", HttpClient::apiBaseURL() + "/v4/audiobooks", audiobookID_));
+      stringWithFormat("%@/%@", ServiceURLs::apiBaseURL() + "/v4/audiobooks", audiobookID_));
   request.method = "GET";
   request.url = url;
   request.timeout = std::chrono::seconds(30);
@@ -53,10 +46,10 @@ void QSOAudiobookAPIFetch::fetchAudiobook(std::string audiobookID, Completion co
   HttpRequest request = buildRequest();
   std::string requestID = request.headers.front().second;
   auto self = shared_from_this();  // kept alive until the answer is handled
-  HttpClient::shared()->send(
-      std::move(request), [self, requestID](std::optional<HttpResponse> response, ErrorPtr error) {
-        self->processResponse(response, error, requestID);
-      });
+  http_->send(std::move(request),
+              [self, requestID](std::optional<HttpResponse> response, ErrorPtr error) {
+                self->processResponse(response, error, requestID);
+              });
 }
 
 void QSOAudiobookAPIFetch::processResponse(const std::optional<HttpResponse>& response,
@@ -147,31 +140,16 @@ void QSOAudiobookAPIFetch::processJSON(const nlohmann::json* document) {
   const nlohmann::json* size = json_reading::member(*document, "actual_size");
   const nlohmann::json* chapters = json_reading::member(*document, "chapters");
 
-  auto status = std::make_shared<QSOAudiobookStatus>(audiobookID, DownloadStatusNotDownloaded, 0,
-                                                     size ? json_reading::unsignedValue(*size) : 0);
-  if (!status->saveToDatabase()) {
-    LogEngineError(
-        "[QSOAudiobookAPIFetch] Something went wrong with saving the QSOAudibookStatus, trying "
-        "again");
-    if (status->saveToDatabase()) {
-      LogEngineVerbose(
-          "[QSOAudiobookAPIFetch] Second attempt to save QSOAudiobookStatus was successfull");
-    } else {
-      LogEngineError(
-          "[QSOAudiobookAPIFetch] Second attempt saving QSOAudiobookStatus was unsuccessfull");
-      auto dict = QSONotificationPoster::prepareDictionaryWithAudiobookIdentifier(
-          audiobookID, std::string(QSODownloadEngine::descriptionForErrorCode(12005)), 12005,
-          nullptr);
-      complete(errorFromFailureDictionary(dict));
-      return;
-    }
+  const uint64_t totalSize = size ? json_reading::unsignedValue(*size) : 0;
+  if (auto error = recorder_->recordAudiobook(audiobookID, totalSize)) {
+    complete(std::move(error));
+    return;
   }
   static const nlohmann::json kNoChapters = nlohmann::json::array();
-  parseChapterStatus(*status, chapters ? *chapters : kNoChapters, audiobookID);
+  parseChapterStatus(totalSize, chapters ? *chapters : kNoChapters, audiobookID);
 }
 
-void QSOAudiobookAPIFetch::parseChapterStatus(const QSOAudiobookStatus& audiobookStatus,
-                                              const nlohmann::json& chapters,
+void QSOAudiobookAPIFetch::parseChapterStatus(uint64_t totalSize, const nlohmann::json& chapters,
                                               const std::string& audiobookID) {
   auto field = [](const nlohmann::json& chapter, const char* key) -> uint64_t {
     const auto* value = json_reading::member(chapter, key);
@@ -186,35 +164,18 @@ void QSOAudiobookAPIFetch::parseChapterStatus(const QSOAudiobookStatus& audioboo
   }
   const float total = static_cast<float>(seconds);
 
-  std::vector<QSOChapterStatusPtr> statuses;
+  std::vector<QSOChapterSize> sizes;
   if (isArray) {
     for (const auto& chapter : chapters) {
       float share = total > 0 ? static_cast<float>(field(chapter, "duration") / 1000) / total : 0;
-      auto expected =
-          static_cast<uint64_t>(static_cast<float>(audiobookStatus.totalSize()) * share);
-      statuses.push_back(std::make_shared<QSOChapterStatus>(
-          QSOChapterDescription(audiobookID, field(chapter, "part_number"),
-                                field(chapter, "chapter_number")),
-          DownloadStatusNotDownloaded, 0, expected, ""));
+      sizes.push_back({QSOChapterDescription(audiobookID, field(chapter, "part_number"),
+                                             field(chapter, "chapter_number")),
+                       static_cast<uint64_t>(static_cast<float>(totalSize) * share)});
     }
   }
-  if (!QSOChapterStatus::saveToDatabase(statuses)) {
-    LogEngineError(
-        "[QSOAudiobookAPIFetch] Something went wrong saving the QSOChapterStatus, trying again");
-    if (QSOChapterStatus::saveToDatabase(statuses)) {
-      LogEngineVerbose(
-          "[QSOAudiobookAPIFetch] Second attempt saving QSOChapterStatus was successfull");
-    } else {
-      LogEngineVerbose(
-          "[QSOAudiobookAPIFetch] Second attempt saving QSOChapterStatus was unsuccessful "
-          "audiobookID: %@",
-          audiobookID);
-      auto dict = QSONotificationPoster::prepareDictionaryWithAudiobookIdentifier(
-          audiobookID, std::string(QSODownloadEngine::descriptionForErrorCode(12006)), 12006,
-          nullptr);
-      complete(errorFromFailureDictionary(dict));
-      return;
-    }
+  if (auto error = recorder_->recordChapters(audiobookID, sizes)) {
+    complete(std::move(error));
+    return;
   }
   completeFetch();
 }

@@ -1,8 +1,7 @@
-// Fetches one audiobook's metadata document from the content API and records the audiobook's
-// and its chapters' download status, each chapter's expected size in proportion to its
-// duration. One object serves one fetch; the response is handled on the HTTP client's queue,
-// where the completion is called once (fields are set before the request starts and not
-// changed after).
+// Fetches one audiobook's metadata document from the content API and hands the audiobook and its
+// chapters, each chapter's expected size in proportion to its duration, to a recorder. One object
+// serves one fetch; the response is handled on the HTTP client's queue, where the completion is
+// called once (fields are set before the request starts and not changed after).
 #pragma once
 
 #include <functional>
@@ -10,7 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "persistence/audiobook_status.h"
+#include "model/metadata_recorder.h"
 #include "platform/net/http_client.h"
 #include "sonorell/error.h"
 
@@ -20,7 +19,8 @@ class QSOAudiobookAPIFetch : public std::enable_shared_from_this<QSOAudiobookAPI
  public:
   using Completion = std::function<void(ErrorPtr)>;
 
-  explicit QSOAudiobookAPIFetch(std::string sessionKey);
+  QSOAudiobookAPIFetch(std::string sessionKey, std::shared_ptr<HttpClient> http,
+                       std::shared_ptr<QSOMetadataRecorder> recorder);
 
   // Starts the request and returns at once.
   void fetchAudiobook(std::string audiobookID, Completion completionHandler);
@@ -33,7 +33,7 @@ class QSOAudiobookAPIFetch : public std::enable_shared_from_this<QSOAudiobookAPI
   void processResponse(const std::optional<HttpResponse>& response, const ErrorPtr& error,
                        const std::string& requestID);
   void processJSON(const nlohmann::json* document);
-  void parseChapterStatus(const QSOAudiobookStatus& audiobookStatus, const nlohmann::json& chapters,
+  void parseChapterStatus(uint64_t totalSize, const nlohmann::json& chapters,
                           const std::string& audiobookID);
   void completeFetch();
   void handleFalse();
@@ -44,6 +44,8 @@ class QSOAudiobookAPIFetch : public std::enable_shared_from_this<QSOAudiobookAPI
   void complete(ErrorPtr error);
 
   std::string sessionKey_;
+  const std::shared_ptr<HttpClient> http_;
+  const std::shared_ptr<QSOMetadataRecorder> recorder_;
   std::string audiobookID_;
   Completion completionHandler_;
 };

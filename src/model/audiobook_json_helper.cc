@@ -3,9 +3,9 @@
 #include <utility>
 #include <vector>
 
+#include "core/logging.h"
 #include "model/date_rules.h"
 #include "model/safe_dictionary.h"
-#include "sonorell/log_engine.h"
 
 namespace sonorell {
 

@@ -4,7 +4,7 @@
 #include <ctime>
 
 #include "model/json_reading.h"
-#include "sonorell/format.h"
+#include "platform/foundation/format.h"
 
 namespace sonorell {
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "model/playlist.h"
+#include "platform/net/http_client.h"
 #include "sonorell/error.h"
 
 namespace sonorell {
@@ -18,8 +19,9 @@ class QSOPlaylistAPIFetch {
   // request, 40 unauthorized), an API error document's own error, or the transport error as is.
   using Completion = std::function<void(std::optional<QSOPlaylist>, ErrorPtr)>;
 
-  static void fetchPlaylist(const std::string& audiobookID, const std::string& licenseID,
-                            const std::string& sessionKey, Completion completion);
+  static void fetchPlaylist(HttpClient& http, const std::string& audiobookID,
+                            const std::string& licenseID, const std::string& sessionKey,
+                            Completion completion);
 };
 
 }  // namespace sonorell

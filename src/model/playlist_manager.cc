@@ -1,7 +1,7 @@
 #include "model/playlist_manager.h"
 
+#include "core/logging.h"
 #include "platform/dispatch/clock.h"
-#include "sonorell/log_engine.h"
 
 namespace sonorell {
 

@@ -8,13 +8,11 @@
 
 namespace sonorell {
 
-TaskSynchronizer& TaskSynchronizer::shared() {
-  static TaskSynchronizer* synchronizer = new TaskSynchronizer();  // lives for the process
-  return *synchronizer;
-}
-
-TaskSynchronizer::TaskSynchronizer()
-    : metadataQueue_(DispatchQueue::create("io.sonorell.sdk.metadata")),
+TaskSynchronizer::TaskSynchronizer(std::shared_ptr<HttpClient> http,
+                                   std::shared_ptr<QSOMetadataRecorder> recorder)
+    : http_(std::move(http)),
+      recorder_(std::move(recorder)),
+      metadataQueue_(DispatchQueue::create("io.sonorell.sdk.metadata")),
       playlistQueue_(DispatchQueue::create("io.sonorell.sdk.playlist")) {}
 
 std::string TaskSynchronizer::playlistRequestIdentifier(const std::string& licenseID) {
@@ -34,9 +32,10 @@ void TaskSynchronizer::fetchAudiobookMetadata(const std::string& audiobookID,
     }
   });
   if (!start) return;  // the fetch in flight answers this caller too
-  auto fetch = std::make_shared<QSOAudiobookAPIFetch>(sessionKey);
-  fetch->fetchAudiobook(audiobookID, [this, audiobookID](ErrorPtr error) {
-    runAudiobookCompletions(audiobookID, error);
+  auto fetch = std::make_shared<QSOAudiobookAPIFetch>(sessionKey, http_, recorder_);
+  // Held until the fetch ends (it times out): its waiting callers must hear the outcome.
+  fetch->fetchAudiobook(audiobookID, [self = shared_from_this(), audiobookID](ErrorPtr error) {
+    self->runAudiobookCompletions(audiobookID, error);
   });
 }
 
@@ -77,9 +76,9 @@ void TaskSynchronizer::fetchPlaylistMetadata(const std::string& audiobookID,
   });
   if (!start) return;
   QSOPlaylistAPIFetch::fetchPlaylist(
-      audiobookID, licenseID, sessionKey,
-      [this, key](std::optional<QSOPlaylist> playlist, ErrorPtr error) {
-        runPlaylistCompletions(key, playlist, error);
+      *http_, audiobookID, licenseID, sessionKey,
+      [self = shared_from_this(), key](std::optional<QSOPlaylist> playlist, ErrorPtr error) {
+        self->runPlaylistCompletions(key, playlist, error);
       });
 }
 

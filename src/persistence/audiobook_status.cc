@@ -3,9 +3,9 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "core/logging.h"
 #include "persistence/database_manager.h"
-#include "sonorell/format.h"
-#include "sonorell/log_engine.h"
+#include "platform/foundation/format.h"
 
 namespace sonorell {
 
@@ -26,10 +26,6 @@ Cache& cache() {
   return *c;
 }
 
-void cachePut(const QSOAudiobookStatusPtr& status) {
-  std::lock_guard lock(cache().mutex);
-  cache().byIdentifier.insert_or_assign(status->audiobookIdentifier(), status);
-}
 }  // namespace
 
 QSOAudiobookStatus::QSOAudiobookStatus(std::string audiobookIdentifier, uint64_t downloadStatus,
@@ -104,8 +100,10 @@ QSOAudiobookStatusPtr QSOAudiobookStatus::fetchAudiobookStatusForAudiobookIdenti
     }
   }
   auto status = QSODatabaseManager::sharedManager()->getAudiobookStatusForIdentifier(identifier);
-  if (status) cachePut(status);
-  return status;
+  if (!status) return status;
+  // A caller that filled the cache first wins, so every caller shares one record.
+  std::lock_guard lock(cache().mutex);
+  return cache().byIdentifier.try_emplace(identifier, std::move(status)).first->second;
 }
 
 std::vector<std::string> QSOAudiobookStatus::fetchAudiobookIdentifersForStatus(uint64_t status) {
@@ -121,7 +119,10 @@ std::vector<std::string> QSOAudiobookStatus::fetchAllAudiobookIdentifiers() {
 }
 
 bool QSOAudiobookStatus::saveToDatabase() {
-  cachePut(shared_from_this());
+  {
+    std::lock_guard lock(cache().mutex);
+    cache().byIdentifier.insert_or_assign(audiobookIdentifier_, shared_from_this());
+  }
   return QSODatabaseManager::sharedManager()->insertAudiobookStatus(*this);
 }
 

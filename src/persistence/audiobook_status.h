@@ -1,6 +1,10 @@
 // The download bookkeeping of one audiobook (status and byte counts), its SQL statements, and
 // the process-wide cache in front of the status database. Cached records are the very instances
 // callers hold and change, so the fields are atomics; the cache map has its own mutex.
+//
+// Lock order of the engines: an audiobook's state lock, then the progress manager, then this
+// cache's mutex, then the database queue. No notification is posted and no host code is called
+// while an audiobook's state lock is held.
 #pragma once
 
 #include <atomic>

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <unordered_map>
 
+#include "core/logging.h"
 #include "persistence/database_manager.h"
-#include "sonorell/format.h"
-#include "sonorell/log_engine.h"
+#include "platform/foundation/format.h"
 
 namespace sonorell {
 
@@ -158,8 +158,9 @@ std::vector<QSOChapterStatusPtr> QSOChapterStatus::fetchAllForAudiobookIdentifie
   auto list =
       QSODatabaseManager::sharedManager()->getAllChapterStatusesForAudiobookIdentifier(identifier);
   if (!identifier.empty() && !list.empty()) {  // empty books are read again next time
+    // A caller that filled the cache first wins, so every caller shares one set of records.
     std::lock_guard lock(caches().mutex);
-    caches().listByAudiobook.insert_or_assign(identifier, list);
+    return caches().listByAudiobook.try_emplace(identifier, std::move(list)).first->second;
   }
   return list;
 }
@@ -194,7 +195,7 @@ QSOChapterStatusPtr QSOChapterStatus::fetchForChapterDescription(
   }
   if (found) {
     std::lock_guard lock(caches().mutex);
-    caches().byChapterKey.insert_or_assign(key, found);
+    return caches().byChapterKey.try_emplace(key, std::move(found)).first->second;
   }
   return found;
 }

@@ -2,6 +2,10 @@
 // (chapter list per audiobook, record per chapter key) in front of the status database. Cached
 // records are the instances callers hold and change: numeric fields are atomics, the token has
 // its own mutex, and both cache maps share one mutex.
+//
+// Lock order of the engines: an audiobook's state lock, then the progress manager, then this
+// cache's mutex, then the database queue. No notification is posted and no host code is called
+// while an audiobook's state lock is held.
 #pragma once
 
 #include <atomic>

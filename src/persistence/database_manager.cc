@@ -4,10 +4,10 @@
 
 #include <mutex>
 
+#include "core/logging.h"
 #include "persistence/download_request_store.h"
 #include "persistence/filesystem_helper.h"
-#include "sonorell/format.h"
-#include "sonorell/log_engine.h"
+#include "platform/foundation/format.h"
 
 namespace sonorell {
 

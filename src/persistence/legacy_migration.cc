@@ -4,8 +4,8 @@
 #include <system_error>
 #include <vector>
 
+#include "core/logging.h"
 #include "persistence/filesystem_helper.h"
-#include "sonorell/log_engine.h"
 
 namespace sonorell {
 

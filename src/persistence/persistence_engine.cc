@@ -5,9 +5,11 @@
 #include <limits>
 #include <mutex>
 
+#include "core/logging.h"
 #include "model/audiobook_json_helper.h"
 #include "model/safe_dictionary.h"
 #include "persistence/filesystem_helper.h"
+#include "persistence/persistence_testing.h"
 #include "persistence/predicate_compiler.h"
 #include "persistence/store_connection.h"
 #include "persistence/store_context.h"
@@ -16,12 +18,22 @@
 #include "persistence/store_model.h"
 #include "platform/dispatch/dispatch_group.h"
 #include "platform/dispatch/dispatch_queue.h"
-#include "sonorell/format.h"
-#include "sonorell/log_engine.h"
+#include "platform/foundation/format.h"
 
 namespace sonorell {
 
 namespace {
+
+std::mutex gWaitObserverMutex;
+std::function<void()>& gWaitObserver() {  // guarded by gWaitObserverMutex
+  static auto* observer = new std::function<void()>();
+  return *observer;
+}
+
+std::function<void()> storeSetUpWaitObserver() {
+  std::lock_guard lock(gWaitObserverMutex);
+  return gWaitObserver();
+}
 
 constexpr std::string_view kNotInitialised =
     "[AudiobookDonwloadInfo] Attempted to use Sonorell without fully initializing. Make sure to "
@@ -101,8 +113,6 @@ struct QSOPersistenceEngine::Impl : std::enable_shared_from_this<Impl> {
   Semaphore setUpDone{0};
   std::once_flag mainSetUpRequested;
   std::atomic<uint64_t> pageSize{0};
-  std::mutex observerMutex;  // guards waitObserver
-  std::function<void()> waitObserver;
 
   void setUpStore();
   void buildOnMain();
@@ -152,12 +162,7 @@ void QSOPersistenceEngine::Impl::setUpStore() {
         if (auto self = weak.lock()) self->setUpStore();
       });
     });
-    std::function<void()> observer;
-    {
-      std::lock_guard lock(observerMutex);
-      observer = waitObserver;
-    }
-    if (observer) observer();
+    if (auto observer = storeSetUpWaitObserver()) observer();
     setUpDone.wait();
     return;
   }
@@ -442,9 +447,9 @@ void QSOPersistenceEngine::setAudiobooksPageSize(uint64_t pageSize) {
   impl_->pageSize.store(pageSize);
 }
 
-void QSOPersistenceEngine::setWaitObserverForTesting(std::function<void()> observer) {
-  std::lock_guard lock(impl_->observerMutex);
-  impl_->waitObserver = std::move(observer);
+void setStoreSetUpWaitObserverForTesting(std::function<void()> observer) {
+  std::lock_guard lock(gWaitObserverMutex);
+  gWaitObserver() = std::move(observer);
 }
 
 }  // namespace sonorell

@@ -1,7 +1,7 @@
 #include "sonorell/predicate.h"
 
 #include "persistence/predicate_compiler.h"
-#include "sonorell/format.h"
+#include "platform/foundation/format.h"
 
 namespace sonorell {
 

@@ -4,7 +4,7 @@
 
 #include "persistence/store_entities.h"
 #include "persistence/store_model.h"
-#include "sonorell/format.h"
+#include "platform/foundation/format.h"
 
 namespace sonorell {
 

@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-#include "sonorell/log_engine.h"
+#include "core/logging.h"
 
 namespace sonorell {
 

@@ -3,8 +3,8 @@
 #include <functional>
 #include <vector>
 
-#include "sonorell/format.h"
-#include "sonorell/log_engine.h"
+#include "core/logging.h"
+#include "platform/foundation/format.h"
 
 namespace sonorell {
 

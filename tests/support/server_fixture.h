@@ -10,6 +10,8 @@
 #include <memory>
 
 #include "content_server.h"
+#include "core/service_urls.h"
+#include "platform/net/curl_loop.h"
 #include "platform/net/http_client.h"
 #include "sonorell/log_engine.h"
 #include "support/recording_listener.h"
@@ -22,9 +24,9 @@ class ServerTest : public ::testing::Test {
   void SetUp() override {
     QSOLogEngine::setListener(listener);
     server.start();
-    HttpClient::shared()->setCABundle(server.caCertificatePath().string());
-    HttpClient::setAPIBaseURL(server.baseURL());
-    HttpClient::setAnalyticsURL(server.analyticsURL());
+    setDefaultCABundle(server.caCertificatePath().string());
+    ServiceURLs::setAPIBaseURL(server.baseURL());
+    ServiceURLs::setAnalyticsURL(server.analyticsURL());
   }
   void TearDown() override {
     server.stop();

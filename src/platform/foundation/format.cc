@@ -1,5 +1,5 @@
 // The "%@"-aware printf interpreter behind stringWithFormat.
-#include "sonorell/format.h"
+#include "platform/foundation/format.h"
 
 #include <cstdio>
 #include <string>

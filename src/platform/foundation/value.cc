@@ -96,7 +96,7 @@ std::string Value::description() const {
           [](const std::string& s) { return s; }, [](const Date& d) { return describeDate(d); },
           [](const Array& a) { return describe(a); },
           [](const Dictionary& d) { return describe(d); },
-          [](const QSOChapterDescription& c) { return c.description(); },
+          [](const ObjectPtr& o) { return o ? o->description() : std::string("(null)"); },
           [](const ErrorPtr& e) { return e ? e->description() : std::string("(null)"); }},
       v_);
 }
@@ -107,6 +107,11 @@ bool operator==(const Value& a, const Value& b) {
     const auto& f = *b.getIf<ErrorPtr>();
     if (!*e || !f) return *e == f;
     return (*e)->domain == f->domain && (*e)->code == f->code && (*e)->userInfo == f->userInfo;
+  }
+  if (const auto* o = a.getIf<Value::ObjectPtr>()) {
+    const auto& p = *b.getIf<Value::ObjectPtr>();
+    if (!*o || !p) return *o == p;
+    return (*o)->equals(*p);
   }
   return a.v_ == b.v_;
 }

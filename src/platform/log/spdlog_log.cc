@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "sonorell/log_engine.h"
+#include "sonorell/unified_log.h"
 
 namespace sonorell {
 

@@ -1,13 +1,15 @@
-// Log lines of the media layer, written to the platform log (category "media"). The platform
-// sits below the engine's logging, so it writes there directly. Safe from any thread.
+// Log lines of the media layer, written to the platform log (see platform_log.h), which the
+// engine routes to its own logging. Safe from any thread.
 #pragma once
 
-#include <string>
+#include <string_view>
 
-#include "sonorell/log_engine.h"
+#include "platform/log/platform_log.h"
 
 namespace sonorell::media_log {
 
-void emit(LogType type, const std::string& line);
+inline void emit(LogType type, std::string_view line) {
+  if (platform_log::wants(type)) platform_log::emit(type, line);
+}
 
 }  // namespace sonorell::media_log

@@ -1,40 +1,21 @@
-// HTTP(S) data requests on libcurl: one event thread drives a curl multi handle for every
-// request in flight; completions run on the client's own serial queue, never on the caller's
-// thread. TLS verification is always on; a host may add a CA bundle. The pending list and the
-// settings are guarded by the client's mutex; curl handles are touched only on the event thread.
+// HTTP(S) data requests: the HttpClient interface the engine calls, the libcurl implementation
+// behind create(), and HttpClientWrapper for replacing one operation while keeping the rest.
+// Completions run on the client's own serial queue, never on the caller's thread. Clients are
+// safe to call from any thread; each guards its settings with its own mutex.
 #pragma once
 
-#include <chrono>
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <utility>
-#include <vector>
 
-#include "platform/dispatch/dispatch_queue.h"
+#include "platform/net/http_types.h"
 #include "sonorell/error.h"
 
 namespace sonorell {
 
-using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
-
-struct HttpRequest {
-  std::string method = "GET";
-  std::string url;
-  HttpHeaders headers;  // sent in this order
-  std::string body;
-  std::chrono::milliseconds timeout{30'000};
-};
-
-struct HttpResponse {
-  long status = 0;
-  HttpHeaders headers;  // names as the server sent them
-  std::string body;
-  // The first header with this name, compared without regard to case.
-  std::optional<std::string> header(std::string_view name) const;
-};
+class CurlLoop;
 
 // A request in flight; cancel() completes it with URL-loading -999 unless it already finished.
 class HttpTask {
@@ -43,45 +24,45 @@ class HttpTask {
   virtual void cancel() = 0;
 };
 
-class HttpClient : public std::enable_shared_from_this<HttpClient> {
+class HttpClient {
  public:
   // Exactly one of response and error is set. Transport failures are URL-loading errors whose
-  // underlying error carries libcurl's code and message.
+  // underlying error carries libcurl's code and message; HTTP statuses are answers, not errors.
   using Completion = std::function<void(std::optional<HttpResponse>, ErrorPtr)>;
 
+  // The process-wide client, made on first use and never destroyed: requests still completing
+  // at exit must find it.
   static std::shared_ptr<HttpClient> shared();
-  static std::shared_ptr<HttpClient> create();
-  ~HttpClient();
+  // The libcurl client. It runs its requests on `loop`, or on a loop of its own when null
+  // (ended, with its requests cancelled, when the client goes).
+  static std::shared_ptr<HttpClient> create(std::shared_ptr<CurlLoop> loop = nullptr);
 
-  std::shared_ptr<HttpTask> send(HttpRequest request, Completion completion);
-  // Waits for the answer on the calling thread: for engine queues, never for a host's thread.
+  virtual ~HttpClient() = default;
+
+  virtual std::shared_ptr<HttpTask> send(HttpRequest request, Completion completion) = 0;
+  // Waits for send()'s answer on the calling thread: for engine queues, never a host's thread.
   std::pair<std::optional<HttpResponse>, ErrorPtr> sendSynchronously(HttpRequest request);
 
-  // An extra CA bundle (PEM file) trusted besides the system's.
-  void setCABundle(std::string path);
-  std::string caBundle() const;
-
-  // The content API base URL (e.g. "https://api.example.com") and the analytics endpoint:
-  // host-settable, with $SONORELL_API_BASE_URL / $SONORELL_ANALYTICS_URL taking precedence
-  // over the built-in defaults but not over what a host set.
-  static std::string apiBaseURL();
-  static void setAPIBaseURL(std::string url);
-  static std::string analyticsURL();
-  static void setAnalyticsURL(std::string url);
-
-  struct State;  // the event thread's state; defined in the implementation
-
- private:
-  HttpClient();
-  std::shared_ptr<State> state_;
+  // An extra CA bundle (PEM file) trusted besides the system's by this client's requests;
+  // empty (the default): the process-wide bundle (setDefaultCABundle).
+  virtual void setCABundle(std::string path) = 0;
+  virtual std::string caBundle() const = 0;
 };
 
-// Verification on, and a host's extra CA bundle trusted besides the system's certificate
-// directory; shared by the data client and the transfer service. `easy` is a CURL handle.
-void configureTLSVerification(void* easy, const std::string& caBundle);
+// Forwards every operation to another client; a test overrides the one it wants to change.
+class HttpClientWrapper : public HttpClient {
+ public:
+  explicit HttpClientWrapper(std::shared_ptr<HttpClient> target) : target_(std::move(target)) {}
+  const std::shared_ptr<HttpClient>& target() const { return target_; }
 
-// Maps a libcurl result (and, for connection failures, the OS error) to a URL-loading error;
-// shared by the data client and the transfer service.
-ErrorPtr urlErrorForCurlCode(int curlCode, const std::string& curlMessage, long osErrno = 0);
+  std::shared_ptr<HttpTask> send(HttpRequest request, Completion completion) override {
+    return target_->send(std::move(request), std::move(completion));
+  }
+  void setCABundle(std::string path) override { target_->setCABundle(std::move(path)); }
+  std::string caBundle() const override { return target_->caBundle(); }
+
+ private:
+  const std::shared_ptr<HttpClient> target_;
+};
 
 }  // namespace sonorell

@@ -1,7 +1,7 @@
-// The transfer service's network side: one thread drives a libcurl multi handle for every job
-// of every session, writing each body straight to its file. Jobs are started and stopped from
-// any thread through a mutex-guarded inbox; curl handles, files and job state are touched only
-// on the driver thread, which reports to each job's sink (held weakly) on that thread.
+// The transfer service's network side: each job moves one resource straight into its file as a
+// job on a CurlLoop (the driver's own, or one it shares with the data client). Jobs are started
+// and stopped from any thread; files and job state are touched only on the loop's thread, which
+// reports to each job's sink (held weakly) there.
 #pragma once
 
 #include <cstdint>
@@ -16,13 +16,15 @@
 
 namespace sonorell {
 
+class CurlLoop;
+
 // Bytes free for a new file in the directory, or none when it cannot be told.
 using FreeSpaceProbe = std::function<std::optional<uint64_t>(const std::filesystem::path&)>;
 std::optional<uint64_t> freeSpaceOnFileSystem(const std::filesystem::path& directory);
 
 struct TransferJobSpec {
   TransferRequest request;
-  std::string caBundle;
+  std::string caBundle;  // empty: the process-wide bundle
   std::filesystem::path file;
   // Bytes of `file` to keep and ask the rest for with Range/If-Range; 0 starts from nothing.
   int64_t offset = 0;
@@ -37,7 +39,7 @@ struct TransferJobResult {
   ErrorPtr error;           // for kFailed
 };
 
-// Receives a job's reports on the driver thread; must return quickly.
+// Receives a job's reports on the loop's thread; must return quickly.
 class TransferJobSink {
  public:
   virtual ~TransferJobSink() = default;
@@ -54,10 +56,10 @@ class TransferJobSink {
 
 class TransferDriver {
  public:
-  struct State;  // the driver thread's state; defined in the implementation
-
-  static std::shared_ptr<TransferDriver> create(FreeSpaceProbe freeSpace = nullptr);
-  ~TransferDriver();  // stops every job (each ends as kStopped) and joins the thread
+  // Runs its jobs on `loop`, or on a loop of its own when null: that loop goes with the driver,
+  // and every job still running then ends as kStopped.
+  static std::shared_ptr<TransferDriver> create(FreeSpaceProbe freeSpace = nullptr,
+                                                std::shared_ptr<CurlLoop> loop = nullptr);
 
   // Returns the job's key (never 0).
   uint64_t start(TransferJobSpec plan, std::weak_ptr<TransferJobSink> sink);
@@ -65,8 +67,11 @@ class TransferDriver {
   void stop(uint64_t job);
 
  private:
-  TransferDriver() = default;
-  std::shared_ptr<State> state_;
+  TransferDriver(FreeSpaceProbe freeSpace, std::shared_ptr<CurlLoop> loop)
+      : freeSpace_(std::move(freeSpace)), loop_(std::move(loop)) {}
+
+  const FreeSpaceProbe freeSpace_;
+  const std::shared_ptr<CurlLoop> loop_;
 };
 
 }  // namespace sonorell

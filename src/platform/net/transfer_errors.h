@@ -1,4 +1,4 @@
-// The errors the transfer service makes itself (libcurl's own failures go through
+// The errors the network layer makes itself (libcurl's own failures go through
 // urlErrorForCurlCode): URL-loading and POSIX errors with the platform codes. Stateless.
 #pragma once
 
@@ -10,7 +10,7 @@
 namespace sonorell {
 
 ErrorPtr transferError(int64_t urlLoadingCode, std::string description);
-// URL-loading -999, what a cancelled task completes with.
+// URL-loading -999, what a cancelled task or request completes with.
 ErrorPtr transferCancelledError();
 // URL-loading -997: the service lost the transfer (its file vanished between processes).
 ErrorPtr transferLostError(std::string description);

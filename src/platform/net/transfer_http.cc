@@ -1,7 +1,5 @@
 #include "platform/net/transfer_http.h"
 
-#include <strings.h>
-
 #include <charconv>
 
 namespace sonorell {
@@ -15,15 +13,6 @@ std::optional<int64_t> number(std::string_view text) {
 }
 
 }  // namespace
-
-std::optional<std::string> headerValue(const HttpHeaders& headers, std::string_view name) {
-  for (const auto& [key, value] : headers) {
-    if (key.size() == name.size() && ::strncasecmp(key.data(), name.data(), name.size()) == 0) {
-      return value;
-    }
-  }
-  return std::nullopt;
-}
 
 std::string resumeValidator(const HttpHeaders& headers) {
   if (auto etag = headerValue(headers, "ETag");

@@ -6,12 +6,9 @@
 #include <string>
 #include <string_view>
 
-#include "platform/net/http_client.h"
+#include "platform/net/http_types.h"
 
 namespace sonorell {
-
-// First value of a header, names compared without regard to case.
-std::optional<std::string> headerValue(const HttpHeaders& headers, std::string_view name);
 
 // What names this version of the resource for If-Range: a strong ETag, else Last-Modified;
 // empty when there is neither (weak ETags cannot be used with If-Range).

@@ -1,23 +1,12 @@
-// Log lines of the transfer service. The platform layer sits below the engine's log facade, so
-// it writes to the platform's unified log ("io.sonorell", category "transfer"). Thread-safe.
+// Log lines of the transfer service, written to the platform log (see platform_log.h), which
+// the engine routes to its own logging. Thread-safe.
 #pragma once
 
-#include <string>
-
-#include "sonorell/format.h"
-#include "sonorell/log_engine.h"
+#include "platform/log/platform_log.h"
 
 namespace sonorell::transfer_log {
 
-void emit(LogType type, const std::string& line);
-
-template <class... A>
-void error(std::string_view format, const A&... args) {
-  emit(LogType::Error, stringWithFormat(format, args...));
-}
-template <class... A>
-void info(std::string_view format, const A&... args) {
-  emit(LogType::Info, stringWithFormat(format, args...));
-}
+using platform_log::error;
+using platform_log::info;
 
 }  // namespace sonorell::transfer_log

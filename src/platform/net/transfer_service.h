@@ -1,24 +1,25 @@
 // Background transfers that outlive the process: sessions by identifier, each adopting from the
-// journal what an earlier process left (see TransferSession). One service per journal file; its
-// session registry is guarded by the service's mutex, transfers run on its driver thread.
+// journal what an earlier process left. This is the interface the engine calls; create() makes
+// the journaled service and TransferServiceWrapper forwards it, so a test can change one
+// operation. Safe from any thread (the journaled service guards its registry with a mutex).
 #pragma once
 
 #include <filesystem>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
+#include <utility>
 
 #include "platform/media/reachability.h"
 #include "platform/net/transfer_delegate.h"
 #include "platform/net/transfer_driver.h"
-#include "platform/net/transfer_journal.h"
 #include "platform/net/transfer_session.h"
 #include "platform/net/transfer_task.h"
 #include "platform/net/transfer_types.h"
 #include "sonorell/error.h"
 
 namespace sonorell {
+
+class CurlLoop;
 
 struct TransferServiceOptions {
   // Empty: <Library>/SonorellSupport/TransferJournal.sqlite.
@@ -29,41 +30,52 @@ struct TransferServiceOptions {
   std::shared_ptr<Reachability> reachability;
   // Null: the file system's free blocks (statvfs).
   FreeSpaceProbe freeSpace;
+  // Trusted besides the system's CAs by sessions that name no bundle; empty: the process-wide
+  // bundle (setDefaultCABundle).
+  std::string caBundle;
+  // The event loop transfers run on, shared with other clients; null: one of the service's own.
+  std::shared_ptr<CurlLoop> loop;
 };
 
 class TransferService {
  public:
   // The process-wide service with the default options, made on first use.
   static std::shared_ptr<TransferService> shared();
-  // Null (with `error`) when the journal or the directory cannot be made.
+  // The journaled service; null (with `error`) when the journal or the directory cannot be made.
   static std::shared_ptr<TransferService> create(TransferServiceOptions options,
                                                  ErrorPtr* error = nullptr);
-  ~TransferService();
+
+  virtual ~TransferService() = default;
 
   // The live session with this identifier, or a new one that adopts the journal's tasks for it.
   // The delegate is held weakly; a live session keeps the delegate it was made with.
-  std::shared_ptr<TransferSession> sessionWithConfiguration(
+  virtual TransferSessionPtr sessionWithConfiguration(
       const TransferSessionConfiguration& configuration,
-      std::weak_ptr<TransferSessionDelegate> delegate);
+      std::weak_ptr<TransferSessionDelegate> delegate) = 0;
 
-  const std::filesystem::path& journalFile() const { return journalFile_; }
-  const std::filesystem::path& temporaryDirectory() const { return temporaryDirectory_; }
+  virtual std::filesystem::path journalFile() const = 0;
+  virtual std::filesystem::path temporaryDirectory() const = 0;
+};
+
+// Forwards every operation to another service; a test overrides the one it wants to change.
+class TransferServiceWrapper : public TransferService {
+ public:
+  explicit TransferServiceWrapper(std::shared_ptr<TransferService> target)
+      : target_(std::move(target)) {}
+  const std::shared_ptr<TransferService>& target() const { return target_; }
+
+  TransferSessionPtr sessionWithConfiguration(
+      const TransferSessionConfiguration& configuration,
+      std::weak_ptr<TransferSessionDelegate> delegate) override {
+    return target_->sessionWithConfiguration(configuration, std::move(delegate));
+  }
+  std::filesystem::path journalFile() const override { return target_->journalFile(); }
+  std::filesystem::path temporaryDirectory() const override {
+    return target_->temporaryDirectory();
+  }
 
  private:
-  TransferService() = default;
-  void removeOrphanFiles();
-
-  std::filesystem::path journalFile_;
-  std::filesystem::path temporaryDirectory_;
-  std::shared_ptr<TransferJournal> journal_;
-  std::shared_ptr<TransferDriver> driver_;
-  std::shared_ptr<Reachability> reachability_;
-
-  // Live sessions, kept until invalidated (as the platform keeps background sessions).
-  std::shared_ptr<std::mutex> sessionsMutex_ = std::make_shared<std::mutex>();
-  std::shared_ptr<std::map<std::string, std::shared_ptr<TransferSession>>> sessions_ =
-      std::make_shared<
-          std::map<std::string, std::shared_ptr<TransferSession>>>();  // guarded by *sessionsMutex_
+  const std::shared_ptr<TransferService> target_;
 };
 
 }  // namespace sonorell

@@ -1,130 +1,68 @@
-// A transfer session: the download tasks made under one identifier, their scheduling (at most
-// `maximumConnections` at once, the rest in creation order; Wi-Fi-only sessions wait while the
-// link is cellular) and the delivery of their events to the delegate, held weakly, on the
-// session's serial delegate queue. Task bookkeeping is guarded by the session's mutex, which is
-// never held while a delegate runs; the journal and the driver are called with it held.
+// A transfer session: the download tasks made under one identifier and the delivery of their
+// events to a delegate (transfer_delegate.h). This is the interface the engine calls; the
+// service's journaled sessions implement it (journaled_transfer_session.h) and
+// TransferSessionWrapper forwards it, so a test can change one operation. Safe from any thread.
 #pragma once
 
-#include <cstdint>
-#include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/dispatch/dispatch_queue.h"
-#include "platform/media/reachability.h"
-#include "platform/net/transfer_delegate.h"
-#include "platform/net/transfer_driver.h"
-#include "platform/net/transfer_journal.h"
 #include "platform/net/transfer_task.h"
 #include "platform/net/transfer_types.h"
 
 namespace sonorell {
 
-class TransferSession : public std::enable_shared_from_this<TransferSession> {
+class TransferSession {
  public:
-  ~TransferSession();
+  virtual ~TransferSession() = default;
 
-  const TransferSessionConfiguration& configuration() const { return configuration_; }
-  const std::string& identifier() const { return configuration_.identifier; }
+  virtual const TransferSessionConfiguration& configuration() const = 0;
+  const std::string& identifier() const { return configuration().identifier; }
   // Where delegate events run: "io.sonorell.transfer.<identifier>".
-  const DispatchQueuePtr& delegateQueue() const { return delegateQueue_; }
+  virtual const DispatchQueuePtr& delegateQueue() const = 0;
 
   // A new task, suspended, recorded in the journal; null once the session is invalidated.
-  TransferTaskPtr downloadTask(TransferRequest request);
+  virtual TransferTaskPtr downloadTask(TransferRequest request) = 0;
   // The session's tasks in creation order, including completed ones whose last event has not
   // been delivered. Answered on the session's own control queue, never on the delegate queue,
   // so a caller may wait for it while a delegate event is blocked on that caller.
-  void getTasks(std::function<void(std::vector<TransferTaskPtr>)> completion);
+  virtual void getTasks(std::function<void(std::vector<TransferTaskPtr>)> completion) = 0;
 
   // No new tasks; once every task has delivered its last event the service forgets the session.
-  void finishTasksAndInvalidate();
+  virtual void finishTasksAndInvalidate() = 0;
   // Cancels every task, then invalidates as above.
-  void invalidateAndCancel();
-
-  // What a session needs from its service.
-  struct Environment {
-    std::shared_ptr<TransferJournal> journal;
-    std::shared_ptr<TransferDriver> driver;
-    std::shared_ptr<Reachability> reachability;
-    std::filesystem::path temporaryDirectory;
-    std::function<void(const std::string& identifier)> invalidated;
-  };
-  // Adopts what the journal holds for the identifier: running tasks resume (partial bytes with
-  // Range/If-Range), finished or failed ones are delivered again, cancelling ones complete.
-  static std::shared_ptr<TransferSession> create(TransferSessionConfiguration configuration,
-                                                 std::weak_ptr<TransferSessionDelegate> delegate,
-                                                 Environment environment);
-
- private:
-  friend class TransferTask;
-  class Sink;
-
-  struct Record {
-    TransferTaskPtr task;
-    std::filesystem::path file;
-    TransferPhase phase = TransferPhase::kPending;
-    std::string validator;
-    uint64_t job = 0;  // the driver job moving its bytes, 0 when none
-    int64_t lastReported = 0;
-  };
-
-  TransferSession(TransferSessionConfiguration configuration,
-                  std::weak_ptr<TransferSessionDelegate> delegate, Environment environment);
-  void adopt(std::vector<JournalTask> rows);
-
-  // Task commands (from TransferTask).
-  void resumeTask(uint64_t id);
-  void suspendTask(uint64_t id);
-  void cancelTask(uint64_t id);
-  void describeTask(uint64_t id, const std::string& description);
-
-  // Driver reports (from Sink, on the driver thread).
-  void jobResponded(uint64_t job, const TransferResponse& response, const std::string& validator,
-                    bool restarted);
-  void jobProgressed(uint64_t job, int64_t total, int64_t expected);
-  void jobEnded(uint64_t job, TransferJobResult result);
-
-  void linkChanged(ConnectionType type);
-
-  // With mutex_ held.
-  bool blockedLocked() const;
-  void pumpLocked();
-  void startLocked(Record& record);
-  Record* recordForJobLocked(uint64_t job);
-  void endCancelledLocked(uint64_t id);
-  void endFailedLocked(uint64_t id, ErrorPtr error);
-  void endDownloadedLocked(uint64_t id, const TransferResponse& response, int64_t received);
-
-  // On the delegate queue.
-  void deliverFinished(uint64_t id);
-  void deliverCompletion(uint64_t id, ErrorPtr error, bool rowKeptUntilDelivered);
-  void deliverLast(const std::shared_ptr<TransferSessionDelegate>& delegate,
-                   const TransferTaskPtr& task, ErrorPtr error);
-  // True when the session has just become invalid; the caller then announces it, unlocked.
-  bool invalidateIfDoneLocked();
-  void announceInvalidated();
-
-  const TransferSessionConfiguration configuration_;
-  const std::weak_ptr<TransferSessionDelegate> delegate_;
-  const Environment environment_;
-  const DispatchQueuePtr delegateQueue_;
-  const DispatchQueuePtr controlQueue_;
-  std::shared_ptr<Sink> sink_;  // what the driver reports to (held weakly there)
-
-  std::mutex mutex_;
-  std::map<uint64_t, Record> records_;             // by task id = creation order; guarded by mutex_
-  std::map<uint64_t, uint64_t> jobs_;              // driver job -> task id; guarded by mutex_
-  uint64_t nextTaskId_ = 1;                        // guarded by mutex_
-  ConnectionType link_ = ConnectionType::Unknown;  // guarded by mutex_
-  bool invalidating_ = false;                      // guarded by mutex_
-  bool invalidated_ = false;                       // guarded by mutex_
-  ObservationToken linkObservation_;               // guarded by mutex_
+  virtual void invalidateAndCancel() = 0;
 };
 
 using TransferSessionPtr = std::shared_ptr<TransferSession>;
+
+// Forwards every operation to another session. A delegate is always handed the service's own
+// session, never a wrapper around it: a delegate that must tell sessions apart compares
+// identifier(), and what it calls on the session it is handed skips the wrapper.
+class TransferSessionWrapper : public TransferSession {
+ public:
+  explicit TransferSessionWrapper(TransferSessionPtr target) : target_(std::move(target)) {}
+  const TransferSessionPtr& target() const { return target_; }
+
+  const TransferSessionConfiguration& configuration() const override {
+    return target_->configuration();
+  }
+  const DispatchQueuePtr& delegateQueue() const override { return target_->delegateQueue(); }
+  TransferTaskPtr downloadTask(TransferRequest request) override {
+    return target_->downloadTask(std::move(request));
+  }
+  void getTasks(std::function<void(std::vector<TransferTaskPtr>)> completion) override {
+    target_->getTasks(std::move(completion));
+  }
+  void finishTasksAndInvalidate() override { target_->finishTasksAndInvalidate(); }
+  void invalidateAndCancel() override { target_->invalidateAndCancel(); }
+
+ private:
+  const TransferSessionPtr target_;
+};
 
 }  // namespace sonorell

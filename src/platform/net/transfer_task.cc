@@ -1,17 +1,14 @@
 #include "platform/net/transfer_task.h"
 
-#include "platform/net/transfer_session.h"
+#include "platform/net/journaled_transfer_session.h"
 
 namespace sonorell {
 
 TransferTask::TransferTask(uint64_t taskIdentifier, TransferRequest request,
-                           std::weak_ptr<TransferSession> session)
+                           std::weak_ptr<JournaledTransferSession> session)
     : taskIdentifier_(taskIdentifier), request_(std::move(request)), session_(std::move(session)) {}
 
-std::string TransferTask::taskDescription() const {
-  std::lock_guard lock(mutex_);
-  return description_;
-}
+std::string TransferTask::taskDescription() const { return locked(description_); }
 
 void TransferTask::setTaskDescription(std::string description) {
   {
@@ -21,30 +18,15 @@ void TransferTask::setTaskDescription(std::string description) {
   if (auto session = session_.lock()) session->describeTask(taskIdentifier_, description);
 }
 
-TransferTaskState TransferTask::state() const {
-  std::lock_guard lock(mutex_);
-  return state_;
-}
+TransferTaskState TransferTask::state() const { return locked(state_); }
 
-int64_t TransferTask::countOfBytesReceived() const {
-  std::lock_guard lock(mutex_);
-  return received_;
-}
+int64_t TransferTask::countOfBytesReceived() const { return locked(received_); }
 
-int64_t TransferTask::countOfBytesExpectedToReceive() const {
-  std::lock_guard lock(mutex_);
-  return expected_;
-}
+int64_t TransferTask::countOfBytesExpectedToReceive() const { return locked(expected_); }
 
-std::optional<TransferResponse> TransferTask::response() const {
-  std::lock_guard lock(mutex_);
-  return response_;
-}
+std::optional<TransferResponse> TransferTask::response() const { return locked(response_); }
 
-ErrorPtr TransferTask::error() const {
-  std::lock_guard lock(mutex_);
-  return error_;
-}
+ErrorPtr TransferTask::error() const { return locked(error_); }
 
 void TransferTask::resume() {
   if (auto session = session_.lock()) session->resumeTask(taskIdentifier_);

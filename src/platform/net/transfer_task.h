@@ -1,6 +1,7 @@
 // One download task of a transfer session: what a host reads about it and the commands it
 // gives. The readable fields are guarded by the task's own mutex (the session writes them from
-// its threads); commands go to the owning session, held weakly, and do nothing once it is gone.
+// its threads); commands go to the journaled session that made it, held weakly, and do nothing
+// once it is gone.
 #pragma once
 
 #include <cstdint>
@@ -14,12 +15,12 @@
 
 namespace sonorell {
 
-class TransferSession;
+class JournaledTransferSession;
 
 class TransferTask {
  public:
   TransferTask(uint64_t taskIdentifier, TransferRequest request,
-               std::weak_ptr<TransferSession> session);
+               std::weak_ptr<JournaledTransferSession> session);
 
   // Unique within its session and kept across processes; later tasks have larger ones.
   uint64_t taskIdentifier() const { return taskIdentifier_; }
@@ -48,11 +49,17 @@ class TransferTask {
   void cancel();
 
  private:
-  friend class TransferSession;
+  friend class JournaledTransferSession;
+
+  template <class T>
+  T locked(const T& field) const {
+    std::lock_guard lock(mutex_);
+    return field;
+  }
 
   const uint64_t taskIdentifier_;
   const TransferRequest request_;
-  const std::weak_ptr<TransferSession> session_;
+  const std::weak_ptr<JournaledTransferSession> session_;
 
   mutable std::mutex mutex_;
   std::string description_;                                  // guarded by mutex_

@@ -1,6 +1,6 @@
 #include "platform/net/transfer_types.h"
 
-#include "platform/net/transfer_http.h"
+#include "platform/net/http_types.h"
 
 namespace sonorell {
 

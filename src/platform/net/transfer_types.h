@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/net/http_client.h"
+#include "platform/net/http_types.h"
 
 namespace sonorell {
 
@@ -44,7 +44,8 @@ struct TransferSessionConfiguration {
   bool allowsCellularAccess = true;
   // Transfers of the session that run at once; later ones wait in creation order.
   int maximumConnections = 4;
-  // Extra PEM bundle trusted besides the system's; empty: the HTTP client's bundle.
+  // Extra PEM bundle trusted besides the system's; empty: the service's bundle, else the
+  // process-wide one (setDefaultCABundle).
   std::string caBundle;
 };
 

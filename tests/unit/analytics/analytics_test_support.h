@@ -16,6 +16,7 @@
 #include "analytics/listen_event.h"
 #include "analytics/listen_event_archive.h"
 #include "content_server.h"
+#include "core/service_urls.h"
 #include "persistence/filesystem_helper.h"
 #include "platform/dispatch/clock.h"
 #include "platform/net/http_client.h"
@@ -53,7 +54,7 @@ class AnalyticsTest : public ::testing::Test {
   AnalyticsTest() {
     FilesystemHelper::createSupportDirectory();
     // A closed loopback port, so that no test ever posts beyond this machine by accident.
-    HttpClient::setAnalyticsURL("https://127.0.0.1:9/v4/analytics");
+    ServiceURLs::setAnalyticsURL("https://127.0.0.1:9/v4/analytics");
   }
 
   TempLibrary library;
@@ -65,7 +66,7 @@ class AnalyticsServerTest : public AnalyticsTest {
  protected:
   void SetUp() override {
     server.start();
-    HttpClient::setAnalyticsURL(server.analyticsURL());
+    ServiceURLs::setAnalyticsURL(server.analyticsURL());
     HttpClient::shared()->setCABundle(server.caCertificatePath().string());
   }
   void TearDown() override { server.stop(); }

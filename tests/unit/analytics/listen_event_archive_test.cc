@@ -55,13 +55,13 @@ class ListenEventArchiveTest : public AnalyticsTest {
 
 TEST_F(ListenEventArchiveTest, ARestartReadsTheQueueBackInOrder) {
   {
-    auto poster = QLListenEventPoster::create(10, 300);
+    auto poster = QLListenEventPoster::create(HttpClient::shared(), 10, 300);
     for (uint64_t chapter = 1; chapter <= 4; ++chapter) {
       poster->submitListenEvent(makeEvent(chapter, 10 * chapter, 10 * chapter + 9));
     }
     ASSERT_TRUE(poster->waitForReadWrite(std::chrono::seconds(10)));
   }
-  auto restarted = QLListenEventPoster::create(10, 300);
+  auto restarted = QLListenEventPoster::create(HttpClient::shared(), 10, 300);
   auto queue = restarted->eventQueueForTesting();
   EXPECT_EQ(chapters(queue), (std::vector<uint64_t>{1, 2, 3, 4}));
   EXPECT_EQ(queue[2]->startOffset(), 30u);
@@ -71,7 +71,7 @@ TEST_F(ListenEventArchiveTest, ARestartReadsTheQueueBackInOrder) {
 
 TEST_F(ListenEventArchiveTest, TheArchiveDirectoryIsMadeOnFirstWrite) {
   EXPECT_FALSE(fs::exists(file().parent_path()));
-  auto poster = QLListenEventPoster::create(10, 300);
+  auto poster = QLListenEventPoster::create(HttpClient::shared(), 10, 300);
   poster->submitListenEvent(makeEvent(1, 0, 5));
   ASSERT_TRUE(poster->waitForReadWrite(std::chrono::seconds(10)));
   EXPECT_TRUE(fs::is_regular_file(file()));
@@ -80,7 +80,7 @@ TEST_F(ListenEventArchiveTest, TheArchiveDirectoryIsMadeOnFirstWrite) {
 
 TEST_F(ListenEventArchiveTest, NothingIsWrittenWithoutTheSupportDirectory) {
   fs::remove_all(FilesystemHelper::supportDirectory());
-  auto poster = QLListenEventPoster::create(10, 300);
+  auto poster = QLListenEventPoster::create(HttpClient::shared(), 10, 300);
   poster->submitListenEvent(makeEvent(1, 0, 5));
   ASSERT_TRUE(poster->waitForReadWrite(std::chrono::seconds(10)));
   EXPECT_FALSE(fs::exists(FilesystemHelper::supportDirectory()));
@@ -90,7 +90,7 @@ TEST_F(ListenEventArchiveTest, NothingIsWrittenWithoutTheSupportDirectory) {
 TEST_F(ListenEventArchiveTest, AnObjectQueuedTwiceComesBackAsOneObjectWithItsLatestValues) {
   auto event = makeEvent(7, 10, 20);
   {
-    auto poster = QLListenEventPoster::create(10, 300);
+    auto poster = QLListenEventPoster::create(HttpClient::shared(), 10, 300);
     poster->submitListenEvent(event);
     poster->submitListenEvent(makeEvent(8, 0, 1));
     ASSERT_TRUE(poster->waitForReadWrite(std::chrono::seconds(10)));
@@ -98,7 +98,7 @@ TEST_F(ListenEventArchiveTest, AnObjectQueuedTwiceComesBackAsOneObjectWithItsLat
     poster->submitListenEvent(event);
     ASSERT_TRUE(poster->waitForReadWrite(std::chrono::seconds(10)));
   }
-  auto queue = QLListenEventPoster::create(10, 300)->eventQueueForTesting();
+  auto queue = QLListenEventPoster::create(HttpClient::shared(), 10, 300)->eventQueueForTesting();
   ASSERT_EQ(chapters(queue), (std::vector<uint64_t>{7, 8, 7}));
   EXPECT_EQ(queue[0], queue[2]);
   EXPECT_EQ(queue[0]->finalOffset(), 25u);
@@ -109,7 +109,7 @@ TEST_F(ListenEventArchiveTest, AnObjectQueuedTwiceComesBackAsOneObjectWithItsLat
 TEST_F(ListenEventArchiveTest, AGarbageArchiveGivesAnEmptyQueueAndALogLine) {
   fs::create_directories(file().parent_path());
   writeBytes(file(), std::string("\x00\x13garbage\xff{\"add\":", 17));
-  auto poster = QLListenEventPoster::create(10, 300);
+  auto poster = QLListenEventPoster::create(HttpClient::shared(), 10, 300);
   EXPECT_TRUE(poster->eventQueueForTesting().empty());
   EXPECT_EQ(log->count("listen event archive"), 1u);
   // The next submit starts a readable archive again.
@@ -120,25 +120,26 @@ TEST_F(ListenEventArchiveTest, AGarbageArchiveGivesAnEmptyQueueAndALogLine) {
 
 TEST_F(ListenEventArchiveTest, AnArchiveCutInsideItsHeaderGivesAnEmptyQueueAndALogLine) {
   {
-    auto poster = QLListenEventPoster::create(10, 300);
+    auto poster = QLListenEventPoster::create(HttpClient::shared(), 10, 300);
     poster->submitListenEvent(makeEvent(1, 0, 5));
     ASSERT_TRUE(poster->waitForReadWrite(std::chrono::seconds(10)));
   }
   fs::resize_file(file(), 10);
-  EXPECT_TRUE(QLListenEventPoster::create(10, 300)->eventQueueForTesting().empty());
+  EXPECT_TRUE(
+      QLListenEventPoster::create(HttpClient::shared(), 10, 300)->eventQueueForTesting().empty());
   EXPECT_EQ(log->count("listen event archive"), 1u);
 }
 
 TEST_F(ListenEventArchiveTest, AnArchiveCutInsideARecordKeepsTheWholeRecordsAndLogs) {
   {
-    auto poster = QLListenEventPoster::create(10, 300);
+    auto poster = QLListenEventPoster::create(HttpClient::shared(), 10, 300);
     for (uint64_t chapter = 1; chapter <= 3; ++chapter) {
       poster->submitListenEvent(makeEvent(chapter, 0, 5));
     }
     ASSERT_TRUE(poster->waitForReadWrite(std::chrono::seconds(10)));
   }
   fs::resize_file(file(), fs::file_size(file()) - 7);
-  auto poster = QLListenEventPoster::create(10, 300);
+  auto poster = QLListenEventPoster::create(HttpClient::shared(), 10, 300);
   EXPECT_EQ(chapters(poster->eventQueueForTesting()), (std::vector<uint64_t>{1, 2}));
   EXPECT_EQ(log->count("listen event archive"), 1u);
   // The torn tail is gone from the file, so later records do not follow it.

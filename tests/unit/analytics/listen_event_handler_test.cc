@@ -16,8 +16,8 @@ using testing::archivedEvents;
 class ListenEventHandlerTest : public AnalyticsTest {
  protected:
   // Well below the size that would post anything; the timer never fires on the virtual clock.
-  std::shared_ptr<QLListenEventHandler> handler =
-      std::make_shared<QLListenEventHandler>(QLListenEventPoster::create(1000, 300));
+  std::shared_ptr<QLListenEventHandler> handler = std::make_shared<QLListenEventHandler>(
+      QLListenEventPoster::create(HttpClient::shared(), 1000, 300));
 
   void TearDown() override {
     // No flush may still be running when the process exits and its singletons go away.

@@ -53,7 +53,8 @@ class ListenEventPosterTest : public AnalyticsServerTest {
     ASSERT_TRUE(poster->waitForNetworking(kWait));
   }
 
-  std::shared_ptr<QLListenEventPoster> poster = QLListenEventPoster::create(10, 300);
+  std::shared_ptr<QLListenEventPoster> poster =
+      QLListenEventPoster::create(HttpClient::shared(), 10, 300);
 };
 
 // --- The size trigger ---
@@ -214,7 +215,7 @@ TEST_F(ListenEventPosterTest, ARestartedPosterSendsWhatTheArchiveHeld) {
   poster.reset();
   EXPECT_EQ(server.requestCount(Route::kAnalytics), 0u);
 
-  poster = QLListenEventPoster::create(10, 300);
+  poster = QLListenEventPoster::create(HttpClient::shared(), 10, 300);
   EXPECT_EQ(chapters(poster->eventQueueForTesting()), (std::vector<uint64_t>{1, 2, 3}));
   poster->flushListeningEventQueue();
   settle();

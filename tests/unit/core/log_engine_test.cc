@@ -2,9 +2,14 @@
 // listener regardless of the log level, and the listener and logger being replaceable.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
+#include <thread>
 
-#include "sonorell/log_engine.h"
+#include "core/logging.h"
+#include "platform/log/platform_log.h"
 #include "support/recording_listener.h"
 
 namespace sonorell {
@@ -77,6 +82,82 @@ TEST_F(LogEngineTest, RemovingTheListenerStopsTheCallsAtOnce) {
   auto lines = listener->lines();
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].second, "[6.5.8] before");
+}
+
+TEST_F(LogEngineTest, PlatformLinesReachTheListenerWithTheVersion) {
+  platform_log::info("[TransferService] session %@ adopted %d tasks", "QLSO_1", 2);
+  ASSERT_EQ(listener->lines().size(), 1u);
+  EXPECT_EQ(
+      listener->lines()[0],
+      std::make_pair(std::string("info"),
+                     std::string("[6.5.8] [TransferService] session QLSO_1 adopted 2 tasks")));
+}
+
+// A listener whose calls block until the test lets them go.
+class GatedListener : public QSOLogListener {
+ public:
+  void logError(const std::string&) override {}
+  void logWarning(const std::string&) override {}
+  void logVerbose(const std::string&) override {}
+  void logInfo(const std::string&) override {
+    std::unique_lock lock(mutex);
+    entered = true;
+    changed.notify_all();
+    changed.wait(lock, [&] { return released; });
+    sawReplacementReturn = replacementReturned.load();
+  }
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool entered = false;
+  bool released = false;
+  std::atomic<bool> replacementReturned{false};
+  bool sawReplacementReturn = false;
+};
+
+TEST_F(LogEngineTest, ReplacingTheListenerWaitsForCallsUnderWay) {
+  auto gated = std::make_shared<GatedListener>();
+  QSOLogEngine::setListener(gated);
+  std::thread logger([] { LogEngineInfo("in flight"); });
+  {
+    std::unique_lock lock(gated->mutex);
+    gated->changed.wait(lock, [&] { return gated->entered; });
+  }
+  std::thread replacer([&] {
+    QSOLogEngine::setListener(nullptr);
+    gated->replacementReturned = true;
+  });
+  while (QSOLogEngine::listener() != nullptr) std::this_thread::yield();
+  {
+    // Give a replacement that does not wait the chance to return before the call ends.
+    std::unique_lock lock(gated->mutex);
+    gated->changed.wait_for(lock, std::chrono::milliseconds(100),
+                            [&] { return gated->replacementReturned.load(); });
+    gated->released = true;
+    gated->changed.notify_all();
+  }
+  logger.join();
+  replacer.join();
+  EXPECT_FALSE(gated->sawReplacementReturn) << "setListener returned while a call was under way";
+  LogEngineInfo("after");
+  EXPECT_TRUE(gated->replacementReturned);
+}
+
+// A listener that removes itself from inside its own callback.
+class SelfRemovingListener : public RecordingListener {
+ public:
+  void logWarning(const std::string& line) override {
+    RecordingListener::logWarning(line);
+    QSOLogEngine::setListener(nullptr);
+  }
+};
+
+TEST_F(LogEngineTest, AListenerMayRemoveItselfFromItsCallback) {
+  auto self = std::make_shared<SelfRemovingListener>();
+  QSOLogEngine::setListener(self);
+  LogEngineWarning("first");
+  LogEngineWarning("second");
+  ASSERT_EQ(self->lines().size(), 1u);
+  EXPECT_EQ(QSOLogEngine::listener(), nullptr);
 }
 
 TEST_F(LogEngineTest, WithoutAListenerLinesStillReachTheLogWhenItsTypeIsEnabled) {

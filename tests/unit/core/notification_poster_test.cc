@@ -6,8 +6,8 @@
 #include <mutex>
 #include <thread>
 
+#include "core/notification_poster.h"
 #include "sonorell/errors.h"
-#include "sonorell/notification_poster.h"
 #include "sonorell/notifications.h"
 #include "support/notification_recorder.h"
 

@@ -8,7 +8,9 @@
 #include "model/playlist_manager.h"
 #include "model/task_synchronizer.h"
 #include "platform/dispatch/clock.h"
+#include "sonorell/download_engine.h"
 #include "sonorell/errors.h"
+#include "support/failure_notification.h"
 #include "support/server_fixture.h"
 
 namespace sonorell {
@@ -24,7 +26,7 @@ class PlaylistFetch : public testing::ServerTest {
   Result fetch(const std::string& id = "1001") {
     std::promise<Result> done;
     auto future = done.get_future();
-    QSOPlaylistAPIFetch::fetchPlaylist(id, "license-1", "session-1",
+    QSOPlaylistAPIFetch::fetchPlaylist(*HttpClient::shared(), id, "license-1", "session-1",
                                        [&done](std::optional<QSOPlaylist> p, ErrorPtr e) {
                                          done.set_value({std::move(p), std::move(e)});
                                        });
@@ -53,25 +55,37 @@ TEST_F(PlaylistFetch, AServedPlaylistHasOneItemPerChapterAndTheRequestCarriesThe
   EXPECT_EQ(nlohmann::json::parse(request.body).at("license_id"), "license-1");
 }
 
-TEST_F(PlaylistFetch, EveryStatusHasItsCode) {
+// Each failing answer: the fetch's own code, and what a host is told when a download or a
+// playback fails with it (an API error document's code is already a download code).
+TEST_F(PlaylistFetch, EveryFailingAnswerReachesTheHostWithItsCode) {
+  using D = QSODownloadFailureCode;
+  using P = QSOPlaybackFailureCode;
   struct Case {
     Fault fault;
     int64_t code;
+    D download;
+    std::optional<P> playback;
   };
   const Case cases[] = {
-      {Fault::errorDocument(401, "expired", "session", 4012), 40},  // 401 whatever the body
-      {Fault::customBody(403, "<html>forbidden</html>", "text/html"), 30},
-      {Fault::errorDocument(403, "expired", "session_expired", 4012), 11008},
-      {Fault::errorDocument(402, "pay", "payment", 4013), 10001},
-      {Fault::customBody(200, ""), 25},
-      {Fault::invalidJson(), 25},
-      {Fault::customBody(200, R"({"playlist_token": "t"})"), 25},
-      {Fault::statusCode(400), 35},
-      {Fault::statusCode(404), 20},
-      {Fault::statusCode(502), 10},
-      {Fault::statusCode(503), 10},
-      {Fault::statusCode(504), 15},
-      {Fault::statusCode(500), 30},
+      {Fault::errorDocument(401, "expired", "session", 4012), 40, D::DownloadUnauthorized,
+       P::PlaybackUnauthorized},  // 401 whatever the body
+      {Fault::customBody(403, "<html>forbidden</html>", "text/html"), 30, D::UnknownServerResponse,
+       P::UnknownServerResponse},
+      {Fault::errorDocument(403, "expired", "session_expired", 4012), 11008,
+       D::DownloadUnauthorized, std::nullopt},
+      {Fault::errorDocument(402, "pay", "payment", 4013), 10001, D::UnknownServerResponse,
+       std::nullopt},
+      {Fault::customBody(200, ""), 25, D::DownloadPlaylistCannotBeLoaded,
+       P::PlaylistCannotBeLoaded},
+      {Fault::invalidJson(), 25, D::DownloadPlaylistCannotBeLoaded, P::PlaylistCannotBeLoaded},
+      {Fault::customBody(200, R"({"playlist_token": "t"})"), 25, D::DownloadPlaylistCannotBeLoaded,
+       P::PlaylistCannotBeLoaded},
+      {Fault::statusCode(400), 35, D::InvalidLicenseID, P::InvalidLicenseID},
+      {Fault::statusCode(404), 20, D::InvalidChapterDownloadRequest, P::InvalidLicenseID},
+      {Fault::statusCode(502), 10, D::InternalServerError, P::ServerSideError},
+      {Fault::statusCode(503), 10, D::InternalServerError, P::ServerSideError},
+      {Fault::statusCode(504), 15, D::RequestTimedOut, P::Unknown},
+      {Fault::statusCode(500), 30, D::UnknownServerResponse, P::UnknownServerResponse},
   };
   for (const auto& c : cases) {
     server.faults().add(Route::kPlaylist, c.fault);
@@ -81,6 +95,17 @@ TEST_F(PlaylistFetch, EveryStatusHasItsCode) {
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->domain, QSOErrorDomain);
     EXPECT_EQ(error->code, c.code);
+
+    auto download = testing::errorAsNotified(error, testing::FailureLayer::Download);
+    ASSERT_NE(download, nullptr);
+    EXPECT_EQ(download->code, static_cast<int64_t>(c.download));
+    EXPECT_EQ(download->localizedDescription(),
+              QSODownloadEngine::descriptionForErrorCode(download->code));
+    if (c.playback) {
+      auto playback = testing::errorAsNotified(error, testing::FailureLayer::Playback);
+      ASSERT_NE(playback, nullptr);
+      EXPECT_EQ(playback->code, static_cast<int64_t>(*c.playback));
+    }
   }
 }
 
@@ -136,14 +161,14 @@ TEST(PlaylistDecoding, ExpiryZonesAndMissingKeys) {
 }
 
 TEST_F(PlaylistFetch, ConcurrentRequestsWithOneLicenseShareOneFetch) {
-  TaskSynchronizer synchronizer;
+  auto synchronizer = std::make_shared<TaskSynchronizer>(HttpClient::shared(), nullptr);
   server.faults().add(Route::kPlaylist, Fault::delayed(std::chrono::milliseconds(300)));
   std::vector<std::promise<Result>> done(3);
   for (auto& d : done) {
-    synchronizer.fetchPlaylistMetadata("1001", "license-1", "k",
-                                       [&d](std::optional<QSOPlaylist> p, ErrorPtr e) {
-                                         d.set_value({std::move(p), std::move(e)});
-                                       });
+    synchronizer->fetchPlaylistMetadata("1001", "license-1", "k",
+                                        [&d](std::optional<QSOPlaylist> p, ErrorPtr e) {
+                                          d.set_value({std::move(p), std::move(e)});
+                                        });
   }
   std::string token;
   for (auto& d : done) {

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "object_store_fixture.h"
+#include "persistence/persistence_testing.h"
 #include "sonorell/facade.h"
 #include "support/raw_sqlite.h"
 
@@ -58,7 +59,7 @@ TEST_F(ObjectStoreTest, BackgroundSetUpBlocksUntilTheMainQueueHasBuiltTheStore) 
   DispatchQueue::main()->async([mainGate] { mainGate.wait(); });
 
   std::promise<void> waiting;
-  engine->setWaitObserverForTesting([&waiting] { waiting.set_value(); });
+  setStoreSetUpWaitObserverForTesting([&waiting] { waiting.set_value(); });
   std::atomic<bool> returned{false};
   bool initializedWhenReturned = false;
   uint64_t countWhenReturned = 99;
@@ -92,7 +93,7 @@ TEST_F(ObjectStoreTest, ManyBackgroundCallersAreAllReleasedAndLaterCallsReturnAt
   setUpOnMain(engine);
   for (auto& t : threads) t.join();
   EXPECT_EQ(sawInitialized.load(), 4);
-  engine->setWaitObserverForTesting([] { ADD_FAILURE() << "waited after set-up"; });
+  setStoreSetUpWaitObserverForTesting([] { ADD_FAILURE() << "waited after set-up"; });
   engine->setUpStore();
 }
 

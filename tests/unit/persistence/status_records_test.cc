@@ -2,6 +2,9 @@
 // shared instances, what is (not) cached, property updates, and hostile identifiers.
 #include <gtest/gtest.h>
 
+#include <barrier>
+#include <thread>
+
 #include "persistence/audiobook_status.h"
 #include "persistence/chapter_status.h"
 #include "persistence/database_manager.h"
@@ -53,6 +56,34 @@ TEST_F(StatusRecords, FetchedRecordsAreTheCachedInstancesCallersChange) {
   auto list = QSOChapterStatus::fetchAllForAudiobookIdentifier("42");
   EXPECT_NE(std::find(list.begin(), list.end(), chapter), list.end());
   EXPECT_GE(listener->count("Cache hit: 42 3 chapters"), 1u);
+}
+
+TEST_F(StatusRecords, CallersRacingToFillTheCachesShareOneInstance) {
+  saveBook("9", 4);
+  // Stored behind the cache's back, so that every thread below finds the cache empty.
+  ASSERT_TRUE(QSODatabaseManager::sharedManager()->insertAudiobookStatus(
+      QSOAudiobookStatus("9", 0, 0, 10)));
+  constexpr int kThreads = 8;
+  std::barrier start(kThreads);
+  std::vector<QSOChapterStatusPtr> chapters(kThreads);
+  std::vector<QSOAudiobookStatusPtr> books(kThreads);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&, i] {
+      start.arrive_and_wait();
+      chapters[i] = QSOChapterStatus::fetchForChapterDescription(QSOChapterDescription("9", 1, 3));
+      books[i] = QSOAudiobookStatus::fetchAudiobookStatusForAudiobookIdentifier("9");
+    });
+  }
+  for (auto& t : threads) t.join();
+  ASSERT_NE(chapters[0], nullptr);
+  ASSERT_NE(books[0], nullptr);
+  for (int i = 1; i < kThreads; ++i) {
+    EXPECT_EQ(chapters[i], chapters[0]);
+    EXPECT_EQ(books[i], books[0]);
+  }
+  auto list = QSOChapterStatus::fetchAllForAudiobookIdentifier("9");
+  EXPECT_NE(std::find(list.begin(), list.end(), chapters[0]), list.end());
 }
 
 TEST_F(StatusRecords, SortedFetchOrdersByPartThenChapter) {

@@ -117,13 +117,11 @@ TEST(Semaphore, AsAMutexItKeepsThreadsOutOfEachOthersWay) {
 TEST(Semaphore, WakesAWaiterBlockedOnAnotherThread) {
   Semaphore semaphore;
   std::atomic<bool> woke{false};
-  std::thread waiter([&] {
-    semaphore.wait();
-    woke = true;
-  });
+  // A bounded wait, so a lost signal shows as a failure instead of a hang.
+  std::thread waiter([&] { woke = semaphore.wait(std::chrono::seconds(30)); });
   semaphore.signal();
   waiter.join();
-  EXPECT_TRUE(woke.load());
+  EXPECT_TRUE(woke.load()) << "the wait ran out instead of being signalled";
 }
 
 // --- DispatchTimer --------------------------------------------------------------------------

@@ -4,8 +4,8 @@
 #include <memory>
 #include <optional>
 
+#include "platform/foundation/format.h"
 #include "sonorell/error.h"
-#include "sonorell/format.h"
 
 namespace sonorell {
 namespace {

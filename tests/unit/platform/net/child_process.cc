@@ -7,24 +7,39 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <string_view>
+#include <vector>
+
 namespace sonorell::testing {
 
 std::unique_ptr<ChildProcess> ChildProcess::start(const Environment& environment) {
+  // The build names the program's path (tests/CMakeLists.txt).
+  const char* program = SONORELL_TRANSFER_CHILD;
+  // Built before fork: the child may make only async-signal-safe calls until exec.
+  std::vector<std::string> entries;
+  for (char** e = environ; *e; ++e) {
+    const std::string_view entry(*e);
+    const bool replaced = std::any_of(environment.begin(), environment.end(), [&](const auto& v) {
+      return entry.size() > v.first.size() && entry.starts_with(v.first) &&
+             entry[v.first.size()] == '=';
+    });
+    if (!replaced) entries.emplace_back(entry);
+  }
+  for (const auto& [name, value] : environment) entries.push_back(name + "=" + value);
+  std::vector<char*> envp;
+  for (auto& entry : entries) envp.push_back(entry.data());
+  envp.push_back(nullptr);
+  char* argv[] = {const_cast<char*>(program), nullptr};
+
   int fds[2];
   if (::pipe2(fds, O_CLOEXEC) != 0) return nullptr;
-  char self[4096];
-  ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
-  if (n <= 0) return nullptr;
-  self[n] = '\0';
   const int pid = ::fork();
   if (pid == 0) {
-    // Only async-signal-safe calls until exec.
     ::dup2(fds[1], 3);  // dup2 clears close-on-exec on the copy
     int devnull = ::open("/dev/null", O_WRONLY);
     if (devnull >= 0) ::dup2(devnull, 1);
-    for (const auto& [name, value] : environment) ::setenv(name.c_str(), value.c_str(), 1);
-    ::execl(self, self, "--gtest_filter=TransferChild.DISABLED_Run",
-            "--gtest_also_run_disabled_tests", static_cast<char*>(nullptr));
+    ::execve(program, argv, envp.data());
     ::_exit(127);
   }
   ::close(fds[1]);

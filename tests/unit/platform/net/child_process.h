@@ -1,7 +1,6 @@
-// A second process for the process-death tests: this test binary started again to run only the
-// child entry (TransferChild.DISABLED_Run) with settings in its environment. It reports lines on
-// file descriptor 3, which the parent reads; the parent ends it with SIGKILL. Used from the
-// test's thread only.
+// A second process for the process-death tests: the transfer_child program (transfer_child/),
+// started with its settings in its environment. It reports lines on file descriptor 3, which the
+// parent reads; the parent ends it with SIGKILL. Used from the test's thread only.
 #pragma once
 
 #include <chrono>

@@ -1,13 +1,18 @@
-// The data-request client against the reference server: what it sends, and how every kind of
-// transport failure reaches the caller (URL-loading codes, the libcurl error underneath).
+// The data-request client against the reference server: what it sends, how every kind of
+// transport failure reaches the caller (URL-loading codes, the libcurl error underneath), which
+// CA bundle it trusts, and a wrapper that replaces one request while the rest stay real.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <future>
 
 #include "content_server.h"
+#include "default_ca_bundle_guard.h"
+#include "platform/dispatch/dispatch_queue.h"
+#include "platform/net/curl_loop.h"
 #include "platform/net/http_client.h"
 #include "support/temp_library.h"
 
@@ -124,16 +129,67 @@ TEST_F(HttpClientTest, ADroppedConnectionIsConnectionLost) {
   EXPECT_EQ(error->code, kURLErrorNetworkConnectionLost);
 }
 
-TEST(HttpClientSettings, HostSettingsWinOverTheEnvironment) {
-  ::setenv("SONORELL_API_BASE_URL", "https://env.example", 1);
-  EXPECT_EQ(HttpClient::apiBaseURL(), "https://env.example");
-  EXPECT_EQ(HttpClient::analyticsURL(), "https://env.example/v4/analytics");
-  ::setenv("SONORELL_ANALYTICS_URL", "https://stats.example/v4/analytics", 1);
-  EXPECT_EQ(HttpClient::analyticsURL(), "https://stats.example/v4/analytics");
-  HttpClient::setAPIBaseURL("https://host.example");
-  HttpClient::setAnalyticsURL("https://host.example/a");
-  EXPECT_EQ(HttpClient::apiBaseURL(), "https://host.example");
-  EXPECT_EQ(HttpClient::analyticsURL(), "https://host.example/a");
+TEST_F(HttpClientTest, AClientWithoutItsOwnBundleTrustsTheProcessDefault) {
+  testing::DefaultCABundleGuard guard;
+  setDefaultCABundle(server.caCertificatePath().string());
+  auto plain = HttpClient::create();  // made after the default was set or before: both trust it
+  HttpRequest request;
+  request.url = server.metadataURL("1001");
+  auto [response, error] = plain->sendSynchronously(request);
+  ASSERT_EQ(error, nullptr) << error->description();
+  EXPECT_EQ(response->status, 200);
+}
+
+TEST_F(HttpClientTest, TheClientsOwnBundleWinsOverTheProcessDefault) {
+  testing::DefaultCABundleGuard guard;
+  setDefaultCABundle(server.caCertificatePath().string());
+  // Public roots only, none of which signed the test certificate.
+  client->setCABundle("/etc/ssl/certs/ca-certificates.crt");
+  auto [response, error] = get(server.metadataURL("1001"));
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code, kURLErrorServerCertificateUntrusted) << error->description();
+}
+
+// Fails the first request with "not connected to the Internet" without touching the network,
+// as a test of a caller's offline path would; later requests go to the real client.
+class OfflineOnceClient : public HttpClientWrapper {
+ public:
+  using HttpClientWrapper::HttpClientWrapper;
+  std::shared_ptr<HttpTask> send(HttpRequest request, Completion completion) override {
+    if (failed_.exchange(true)) return HttpClientWrapper::send(std::move(request), completion);
+    queue_->async([completion] {
+      completion(std::nullopt, Error::make(std::string(kURLLoadingErrorDomain),
+                                           kURLErrorNotConnectedToInternet, "offline", nullptr));
+    });
+    return std::make_shared<AnsweredTask>();
+  }
+
+ private:
+  struct AnsweredTask : HttpTask {
+    void cancel() override {}
+  };
+  std::atomic<bool> failed_{false};
+  DispatchQueuePtr queue_ = DispatchQueue::create("test.offline-once");
+};
+
+TEST_F(HttpClientTest, AWrapperFailsOneRequestAndTheNextIsReal) {
+  auto wrapper = std::make_shared<OfflineOnceClient>(client);
+  HttpRequest request;
+  request.url = server.metadataURL("1001");
+  auto [firstResponse, firstError] = wrapper->sendSynchronously(request);
+  ASSERT_NE(firstError, nullptr);
+  EXPECT_FALSE(firstResponse.has_value());
+  EXPECT_EQ(firstError->domain, kURLLoadingErrorDomain);
+  EXPECT_EQ(firstError->code, kURLErrorNotConnectedToInternet);
+  EXPECT_EQ(server.requestCount(Route::kMetadata), 0u);
+
+  auto [response, error] = wrapper->sendSynchronously(request);
+  ASSERT_EQ(error, nullptr) << error->description();
+  EXPECT_EQ(response->status, 200);
+  EXPECT_NE(response->body.find("1001"), std::string::npos);
+  EXPECT_EQ(server.requestCount(Route::kMetadata), 1u);
+  // Settings go through to the real client.
+  EXPECT_EQ(wrapper->caBundle(), server.caCertificatePath().string());
 }
 
 }  // namespace

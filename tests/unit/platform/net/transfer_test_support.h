@@ -152,7 +152,7 @@ class TransferTest : public ::testing::Test {
   void TearDown() override {
     service.reset();
     // A session may be let go last by one of its queued deliveries; wait for those, so that the
-    // session and the driver thread are gone before the process exits.
+    // session and the loop's thread are gone before the process exits.
     EXPECT_TRUE(DispatchQueue::waitUntilAllIdle(std::chrono::seconds(30)));
     server.stop();
   }
@@ -160,8 +160,12 @@ class TransferTest : public ::testing::Test {
   // The service under test; `freeSpace` replaces the file system's answer when set.
   TransferService& startService(FreeSpaceProbe freeSpace = nullptr) {
     TransferServiceOptions options;
-    options.reachability = reachability;
     options.freeSpace = std::move(freeSpace);
+    return startService(std::move(options));
+  }
+  // The same with options of the test's choosing; the test's link when they name none.
+  TransferService& startService(TransferServiceOptions options) {
+    if (!options.reachability) options.reachability = reachability;
     ErrorPtr error;
     service = TransferService::create(std::move(options), &error);
     EXPECT_TRUE(service) << (error ? error->description() : "");

@@ -1,4 +1,4 @@
-#include "platform/net/transfer_session.h"
+#include "platform/net/journaled_transfer_session.h"
 
 #include <system_error>
 #include <utility>
@@ -24,9 +24,9 @@ void removeFile(const std::filesystem::path& file) {
 }  // namespace
 
 // Forwards driver reports to the session while it lives.
-class TransferSession::Sink final : public TransferJobSink {
+class JournaledTransferSession::Sink final : public TransferJobSink {
  public:
-  explicit Sink(std::weak_ptr<TransferSession> session) : session_(std::move(session)) {}
+  explicit Sink(std::weak_ptr<JournaledTransferSession> session) : session_(std::move(session)) {}
   void jobResponded(uint64_t job, const TransferResponse& response, const std::string& validator,
                     bool restarted) override {
     if (auto s = session_.lock()) s->jobResponded(job, response, validator, restarted);
@@ -39,12 +39,12 @@ class TransferSession::Sink final : public TransferJobSink {
   }
 
  private:
-  std::weak_ptr<TransferSession> session_;
+  std::weak_ptr<JournaledTransferSession> session_;
 };
 
-TransferSession::TransferSession(TransferSessionConfiguration configuration,
-                                 std::weak_ptr<TransferSessionDelegate> delegate,
-                                 Environment environment)
+JournaledTransferSession::JournaledTransferSession(TransferSessionConfiguration configuration,
+                                                   std::weak_ptr<TransferSessionDelegate> delegate,
+                                                   Environment environment)
     : configuration_(std::move(configuration)),
       delegate_(std::move(delegate)),
       environment_(std::move(environment)),
@@ -52,19 +52,19 @@ TransferSession::TransferSession(TransferSessionConfiguration configuration,
       controlQueue_(
           DispatchQueue::create("io.sonorell.transfer.control." + configuration_.identifier)) {}
 
-TransferSession::~TransferSession() {
+JournaledTransferSession::~JournaledTransferSession() {
   // Jobs still running report to nobody; their bytes stay for the next session.
   for (const auto& [job, id] : jobs_) environment_.driver->stop(job);
 }
 
-std::shared_ptr<TransferSession> TransferSession::create(
+std::shared_ptr<JournaledTransferSession> JournaledTransferSession::create(
     TransferSessionConfiguration configuration, std::weak_ptr<TransferSessionDelegate> delegate,
     Environment environment) {
-  std::shared_ptr<TransferSession> session(
-      new TransferSession(std::move(configuration), std::move(delegate), std::move(environment)));
+  std::shared_ptr<JournaledTransferSession> session(new JournaledTransferSession(
+      std::move(configuration), std::move(delegate), std::move(environment)));
   session->sink_ = std::make_shared<Sink>(session);
   auto rows = session->environment_.journal->adoptSession(session->configuration_);
-  std::weak_ptr<TransferSession> weak = session;
+  std::weak_ptr<JournaledTransferSession> weak = session;
   std::lock_guard lock(session->mutex_);
   if (auto reachability = session->environment_.reachability) {
     session->link_ = reachability->connectionType();
@@ -80,7 +80,7 @@ std::shared_ptr<TransferSession> TransferSession::create(
   return session;
 }
 
-void TransferSession::adopt(std::vector<JournalTask> rows) {
+void JournaledTransferSession::adopt(std::vector<JournalTask> rows) {
   for (auto& row : rows) {
     auto task = std::make_shared<TransferTask>(row.taskId, row.request, weak_from_this());
     Record record;
@@ -118,7 +118,7 @@ void TransferSession::adopt(std::vector<JournalTask> rows) {
   }
 }
 
-TransferTaskPtr TransferSession::downloadTask(TransferRequest request) {
+TransferTaskPtr JournaledTransferSession::downloadTask(TransferRequest request) {
   std::lock_guard lock(mutex_);
   if (invalidating_) return nullptr;
   const uint64_t id = nextTaskId_++;
@@ -137,7 +137,8 @@ TransferTaskPtr TransferSession::downloadTask(TransferRequest request) {
   return task;
 }
 
-void TransferSession::getTasks(std::function<void(std::vector<TransferTaskPtr>)> completion) {
+void JournaledTransferSession::getTasks(
+    std::function<void(std::vector<TransferTaskPtr>)> completion) {
   std::vector<TransferTaskPtr> tasks;
   {
     std::lock_guard lock(mutex_);
@@ -147,7 +148,7 @@ void TransferSession::getTasks(std::function<void(std::vector<TransferTaskPtr>)>
       [tasks = std::move(tasks), completion = std::move(completion)] { completion(tasks); });
 }
 
-void TransferSession::finishTasksAndInvalidate() {
+void JournaledTransferSession::finishTasksAndInvalidate() {
   bool done;
   {
     std::lock_guard lock(mutex_);
@@ -157,7 +158,7 @@ void TransferSession::finishTasksAndInvalidate() {
   if (done) announceInvalidated();
 }
 
-void TransferSession::invalidateAndCancel() {
+void JournaledTransferSession::invalidateAndCancel() {
   std::vector<TransferTaskPtr> tasks;
   bool done;
   {
@@ -170,21 +171,21 @@ void TransferSession::invalidateAndCancel() {
   for (const auto& task : tasks) task->cancel();
 }
 
-bool TransferSession::invalidateIfDoneLocked() {
+bool JournaledTransferSession::invalidateIfDoneLocked() {
   if (!invalidating_ || invalidated_ || !records_.empty()) return false;
   invalidated_ = true;
   linkObservation_.reset();
   return true;
 }
 
-void TransferSession::announceInvalidated() {
+void JournaledTransferSession::announceInvalidated() {
   // Outside the session's mutex: the service takes its own.
   if (environment_.invalidated) environment_.invalidated(configuration_.identifier);
 }
 
 // ---- task commands
 
-void TransferSession::resumeTask(uint64_t id) {
+void JournaledTransferSession::resumeTask(uint64_t id) {
   std::lock_guard lock(mutex_);
   auto it = records_.find(id);
   if (it == records_.end()) return;
@@ -197,7 +198,7 @@ void TransferSession::resumeTask(uint64_t id) {
   pumpLocked();
 }
 
-void TransferSession::suspendTask(uint64_t id) {
+void JournaledTransferSession::suspendTask(uint64_t id) {
   std::lock_guard lock(mutex_);
   auto it = records_.find(id);
   if (it == records_.end()) return;
@@ -210,7 +211,7 @@ void TransferSession::suspendTask(uint64_t id) {
   if (it->second.job) environment_.driver->stop(it->second.job);
 }
 
-void TransferSession::cancelTask(uint64_t id) {
+void JournaledTransferSession::cancelTask(uint64_t id) {
   std::lock_guard lock(mutex_);
   auto it = records_.find(id);
   if (it == records_.end()) return;
@@ -229,7 +230,7 @@ void TransferSession::cancelTask(uint64_t id) {
   }
 }
 
-void TransferSession::describeTask(uint64_t id, const std::string& description) {
+void JournaledTransferSession::describeTask(uint64_t id, const std::string& description) {
   std::lock_guard lock(mutex_);
   if (records_.count(id))
     environment_.journal->setDescription(configuration_.identifier, id, description);
@@ -237,11 +238,11 @@ void TransferSession::describeTask(uint64_t id, const std::string& description) 
 
 // ---- scheduling
 
-bool TransferSession::blockedLocked() const {
+bool JournaledTransferSession::blockedLocked() const {
   return !configuration_.allowsCellularAccess && link_ == ConnectionType::Cellular;
 }
 
-void TransferSession::pumpLocked() {
+void JournaledTransferSession::pumpLocked() {
   if (blockedLocked()) {
     // Wi-Fi only on a cellular link: running jobs stop and keep their bytes for later.
     for (auto& [id, record] : records_) {
@@ -259,11 +260,10 @@ void TransferSession::pumpLocked() {
   }
 }
 
-void TransferSession::startLocked(Record& record) {
+void JournaledTransferSession::startLocked(Record& record) {
   TransferJobSpec plan;
   plan.request = record.task->originalRequest();
-  plan.caBundle =
-      configuration_.caBundle.empty() ? HttpClient::shared()->caBundle() : configuration_.caBundle;
+  plan.caBundle = configuration_.caBundle.empty() ? environment_.caBundle : configuration_.caBundle;
   plan.file = record.file;
   if (record.phase == TransferPhase::kPartial && !record.validator.empty()) {
     plan.offset = std::max<int64_t>(0, fileSize(record.file));
@@ -273,13 +273,13 @@ void TransferSession::startLocked(Record& record) {
   jobs_[record.job] = record.task->taskIdentifier();
 }
 
-void TransferSession::linkChanged(ConnectionType type) {
+void JournaledTransferSession::linkChanged(ConnectionType type) {
   std::lock_guard lock(mutex_);
   link_ = type;
   pumpLocked();
 }
 
-TransferSession::Record* TransferSession::recordForJobLocked(uint64_t job) {
+JournaledTransferSession::Record* JournaledTransferSession::recordForJobLocked(uint64_t job) {
   auto it = jobs_.find(job);
   if (it == jobs_.end()) return nullptr;
   auto record = records_.find(it->second);
@@ -288,8 +288,8 @@ TransferSession::Record* TransferSession::recordForJobLocked(uint64_t job) {
 
 // ---- driver reports
 
-void TransferSession::jobResponded(uint64_t job, const TransferResponse& response,
-                                   const std::string& validator, bool restarted) {
+void JournaledTransferSession::jobResponded(uint64_t job, const TransferResponse& response,
+                                            const std::string& validator, bool restarted) {
   std::lock_guard lock(mutex_);
   Record* record = recordForJobLocked(job);
   if (!record) return;
@@ -304,7 +304,7 @@ void TransferSession::jobResponded(uint64_t job, const TransferResponse& respons
   if (restarted) record->task->received_ = 0;
 }
 
-void TransferSession::jobProgressed(uint64_t job, int64_t total, int64_t expected) {
+void JournaledTransferSession::jobProgressed(uint64_t job, int64_t total, int64_t expected) {
   std::lock_guard lock(mutex_);
   Record* record = recordForJobLocked(job);
   if (!record) return;
@@ -316,7 +316,7 @@ void TransferSession::jobProgressed(uint64_t job, int64_t total, int64_t expecte
   }
   const int64_t written = total - record->lastReported;
   record->lastReported = total;
-  std::weak_ptr<TransferSession> weak = weak_from_this();
+  std::weak_ptr<JournaledTransferSession> weak = weak_from_this();
   delegateQueue_->async([weak, task, written, total, expected] {
     auto self = weak.lock();
     if (!self) return;
@@ -327,7 +327,7 @@ void TransferSession::jobProgressed(uint64_t job, int64_t total, int64_t expecte
   });
 }
 
-void TransferSession::jobEnded(uint64_t job, TransferJobResult result) {
+void JournaledTransferSession::jobEnded(uint64_t job, TransferJobResult result) {
   std::lock_guard lock(mutex_);
   Record* record = recordForJobLocked(job);
   jobs_.erase(job);
@@ -348,7 +348,7 @@ void TransferSession::jobEnded(uint64_t job, TransferJobResult result) {
 
 // ---- endings
 
-void TransferSession::endCancelledLocked(uint64_t id) {
+void JournaledTransferSession::endCancelledLocked(uint64_t id) {
   Record& record = records_.at(id);
   removeFile(record.file);
   environment_.journal->removeTask(configuration_.identifier, id);
@@ -358,13 +358,13 @@ void TransferSession::endCancelledLocked(uint64_t id) {
     record.task->state_ = TransferTaskState::kCompleted;
     record.task->error_ = error;
   }
-  std::weak_ptr<TransferSession> weak = weak_from_this();
+  std::weak_ptr<JournaledTransferSession> weak = weak_from_this();
   delegateQueue_->async([weak, id, error] {
     if (auto self = weak.lock()) self->deliverCompletion(id, error, false);
   });
 }
 
-void TransferSession::endFailedLocked(uint64_t id, ErrorPtr error) {
+void JournaledTransferSession::endFailedLocked(uint64_t id, ErrorPtr error) {
   Record& record = records_.at(id);
   removeFile(record.file);
   environment_.journal->setFailed(configuration_.identifier, id, error);
@@ -375,14 +375,14 @@ void TransferSession::endFailedLocked(uint64_t id, ErrorPtr error) {
   }
   transfer_log::error("[TransferSession] %@ task %lu failed: %@", configuration_.identifier, id,
                       error ? error->description() : std::string("?"));
-  std::weak_ptr<TransferSession> weak = weak_from_this();
+  std::weak_ptr<JournaledTransferSession> weak = weak_from_this();
   delegateQueue_->async([weak, id, error] {
     if (auto self = weak.lock()) self->deliverCompletion(id, error, true);
   });
 }
 
-void TransferSession::endDownloadedLocked(uint64_t id, const TransferResponse& response,
-                                          int64_t received) {
+void JournaledTransferSession::endDownloadedLocked(uint64_t id, const TransferResponse& response,
+                                                   int64_t received) {
   Record& record = records_.at(id);
   record.phase = TransferPhase::kDownloaded;
   JournalTask row;
@@ -400,7 +400,7 @@ void TransferSession::endDownloadedLocked(uint64_t id, const TransferResponse& r
     record.task->received_ = received;
     record.task->expected_ = response.expectedContentLength;
   }
-  std::weak_ptr<TransferSession> weak = weak_from_this();
+  std::weak_ptr<JournaledTransferSession> weak = weak_from_this();
   delegateQueue_->async([weak, id] {
     if (auto self = weak.lock()) self->deliverFinished(id);
   });
@@ -408,7 +408,7 @@ void TransferSession::endDownloadedLocked(uint64_t id, const TransferResponse& r
 
 // ---- delivery (delegate queue)
 
-void TransferSession::deliverFinished(uint64_t id) {
+void JournaledTransferSession::deliverFinished(uint64_t id) {
   TransferTaskPtr task;
   std::filesystem::path file;
   {
@@ -420,14 +420,7 @@ void TransferSession::deliverFinished(uint64_t id) {
   }
   auto delegate = delegate_.lock();
   if (!delegate) {
-    // Nobody handled it: the journal row and the file wait for the next session.
-    bool done;
-    {
-      std::lock_guard lock(mutex_);
-      records_.erase(id);
-      done = invalidateIfDoneLocked();
-    }
-    if (done) announceInvalidated();
+    forgetRecord(id);
     return;
   }
   auto self = shared_from_this();
@@ -439,7 +432,8 @@ void TransferSession::deliverFinished(uint64_t id) {
   deliverLast(delegate, task, nullptr);
 }
 
-void TransferSession::deliverCompletion(uint64_t id, ErrorPtr error, bool rowKeptUntilDelivered) {
+void JournaledTransferSession::deliverCompletion(uint64_t id, ErrorPtr error,
+                                                 bool rowKeptUntilDelivered) {
   TransferTaskPtr task;
   {
     std::lock_guard lock(mutex_);
@@ -449,21 +443,25 @@ void TransferSession::deliverCompletion(uint64_t id, ErrorPtr error, bool rowKep
   }
   auto delegate = delegate_.lock();
   if (!delegate) {
-    bool done;
-    {
-      std::lock_guard lock(mutex_);
-      records_.erase(id);
-      done = invalidateIfDoneLocked();
-    }
-    if (done) announceInvalidated();
+    forgetRecord(id);
     return;
   }
   if (rowKeptUntilDelivered) environment_.journal->removeTask(configuration_.identifier, id);
   deliverLast(delegate, task, std::move(error));
 }
 
-void TransferSession::deliverLast(const std::shared_ptr<TransferSessionDelegate>& delegate,
-                                  const TransferTaskPtr& task, ErrorPtr error) {
+void JournaledTransferSession::forgetRecord(uint64_t id) {
+  bool done;
+  {
+    std::lock_guard lock(mutex_);
+    records_.erase(id);
+    done = invalidateIfDoneLocked();
+  }
+  if (done) announceInvalidated();
+}
+
+void JournaledTransferSession::deliverLast(const std::shared_ptr<TransferSessionDelegate>& delegate,
+                                           const TransferTaskPtr& task, ErrorPtr error) {
   bool allDelivered;
   {
     // Gone from the session before the delegate hears of its end, so that what the delegate

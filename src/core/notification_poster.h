@@ -15,15 +15,13 @@
 #include "sonorell/chapter_description.h"
 #include "sonorell/download_request.h"
 #include "sonorell/error.h"
-#include "sonorell/export.h"
 #include "sonorell/value.h"
 
 namespace sonorell {
 
 class DispatchQueue;
 
-class SONORELL_EXPORT QSONotificationPoster
-    : public std::enable_shared_from_this<QSONotificationPoster> {
+class QSONotificationPoster : public std::enable_shared_from_this<QSONotificationPoster> {
  public:
   static std::shared_ptr<QSONotificationPoster> sharedPoster();
 

@@ -7,12 +7,16 @@
 #include <unistd.h>
 #include <future>
 
+#include "core/service_urls.h"
+#include "download/metadata_status_recorder.h"
 #include "model/audiobook_api_fetch.h"
 #include "model/task_synchronizer.h"
 #include "persistence/audiobook_status.h"
 #include "persistence/chapter_status.h"
 #include "persistence/database_manager.h"
+#include "platform/services.h"
 #include "sonorell/errors.h"
+#include "support/failure_notification.h"
 #include "support/server_fixture.h"
 
 namespace sonorell {
@@ -27,10 +31,12 @@ class MetadataFetch : public testing::ServerTest {
   ErrorPtr fetch(const std::string& id) {
     std::promise<ErrorPtr> done;
     auto future = done.get_future();
-    auto fetcher = std::make_shared<QSOAudiobookAPIFetch>("session-key");
+    auto fetcher =
+        std::make_shared<QSOAudiobookAPIFetch>("session-key", HttpClient::shared(), recorder);
     fetcher->fetchAudiobook(id, [&done](ErrorPtr error) { done.set_value(error); });
     return await(future);
   }
+  std::shared_ptr<QSOMetadataRecorder> recorder = std::make_shared<QSOMetadataStatusRecorder>();
   void answerMetadataWith(const std::string& body) {
     server.faults().add(Route::kMetadata, Fault::customBody(200, body), Trigger::always());
   }
@@ -101,17 +107,39 @@ struct StatusCase {
   int status;
   int64_t code;
   const char* line;
+  QSODownloadFailureCode download;
+  std::string_view downloadText;
+  QSOPlaybackFailureCode playback;
+  std::string_view playbackText;
 };
 
-TEST_F(MetadataFetch, EveryFailingStatusHasItsCodeAndLine) {
+// Each failing status: the fetch's own code and log line, and what a host is told when a
+// download or a playback fails with it.
+TEST_F(MetadataFetch, EveryFailingStatusReachesTheHostWithItsCodeAndText) {
+  using D = QSODownloadFailureCode;
+  using P = QSOPlaybackFailureCode;
   const StatusCase cases[] = {
-      {401, 45, "[DownloadEngine] Metadata could not be downloaded"},
-      {404, 60, "[DownloadEngine] Audiobook not found"},
-      {418, 65, "[DownloadEngine] Audiobook not found"},
-      {500, 50, "[DownloadEngine] internal server error"},
-      {502, 50, "[DownloadEngine] cloud front error, 502"},
-      {503, 50, "[DownloadEngine] cloud front error, 503"},
-      {504, 55, "[DownloadEngine] cloud front error, 504"},
+      {401, 45, "[DownloadEngine] Metadata could not be downloaded", D::DownloadUnauthorized,
+       QSODownloadFailureDownloadUnauthorizedDescription, P::PlaybackUnauthorized,
+       QSOPlaybackFailurePlaybackUnauthorizedDescription},
+      {404, 60, "[DownloadEngine] Audiobook not found", D::InvalidAudiobookDownloadRequest,
+       QSODownloadFailureInvalidAudiobookDownloadRequestDescription, P::InvalidAudiobookID,
+       QSOPlaybackFailureInvalidAudiobookIDDescription},
+      {418, 65, "[DownloadEngine] Audiobook not found", D::UnknownServerResponse,
+       QSODownloadFailureUnknownServerResponseDescription, P::UnknownServerResponse,
+       QSOPlaybackFailureUnknownServerResponseDescription},
+      {500, 50, "[DownloadEngine] internal server error", D::InternalServerError,
+       QSODownloadFailureInternalServerErrorDescription, P::ServerSideError,
+       QSOPlaybackFailureServerSideErrorDescription},
+      {502, 50, "[DownloadEngine] cloud front error, 502", D::InternalServerError,
+       QSODownloadFailureInternalServerErrorDescription, P::ServerSideError,
+       QSOPlaybackFailureServerSideErrorDescription},
+      {503, 50, "[DownloadEngine] cloud front error, 503", D::InternalServerError,
+       QSODownloadFailureInternalServerErrorDescription, P::ServerSideError,
+       QSOPlaybackFailureServerSideErrorDescription},
+      {504, 55, "[DownloadEngine] cloud front error, 504", D::RequestTimedOut,
+       QSODownloadFailureRequestTimedOutDescription, P::Unknown,
+       QSOPlaybackFailureUnknownDescription},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.status);
@@ -123,6 +151,15 @@ TEST_F(MetadataFetch, EveryFailingStatusHasItsCodeAndLine) {
     EXPECT_EQ(error->code, c.code) << "whatever the body says";
     EXPECT_TRUE(error->userInfo.empty());
     EXPECT_EQ(listener->count(c.line), before + 1);
+
+    auto download = testing::errorAsNotified(error, testing::FailureLayer::Download);
+    ASSERT_NE(download, nullptr);
+    EXPECT_EQ(download->code, static_cast<int64_t>(c.download));
+    EXPECT_EQ(download->localizedDescription(), c.downloadText);
+    auto playback = testing::errorAsNotified(error, testing::FailureLayer::Playback);
+    ASSERT_NE(playback, nullptr);
+    EXPECT_EQ(playback->code, static_cast<int64_t>(c.playback));
+    EXPECT_EQ(playback->localizedDescription(), c.playbackText);
   }
 }
 
@@ -135,7 +172,7 @@ TEST_F(MetadataFetch, ARefusedConnectionGives70WithTheTransportErrorUnderneath) 
   socklen_t length = sizeof address;
   ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
   ::close(probe);  // nothing listens there now
-  HttpClient::setAPIBaseURL("https://127.0.0.1:" + std::to_string(ntohs(address.sin_port)));
+  ServiceURLs::setAPIBaseURL("https://127.0.0.1:" + std::to_string(ntohs(address.sin_port)));
 
   auto error = fetch("1001");
   ASSERT_NE(error, nullptr);
@@ -145,13 +182,23 @@ TEST_F(MetadataFetch, ARefusedConnectionGives70WithTheTransportErrorUnderneath) 
   EXPECT_EQ(transport->domain, kURLLoadingErrorDomain);
   EXPECT_EQ(transport->code, kURLErrorCannotConnectToHost);
   EXPECT_EQ(listener->count("[DownloadEngine] Connection Failed"), 1u);
+
+  auto download = testing::errorAsNotified(error, testing::FailureLayer::Download);
+  ASSERT_NE(download, nullptr);
+  EXPECT_EQ(download->code, static_cast<int64_t>(QSODownloadFailureCode::MetadataUnavailable));
+  EXPECT_EQ(download->localizedDescription(), QSODownloadFailureMetadataUnavailableDescription);
+  EXPECT_EQ(download->underlyingError(), transport) << "the transport error stays underneath";
+  auto playback = testing::errorAsNotified(error, testing::FailureLayer::Playback);
+  ASSERT_NE(playback, nullptr);
+  EXPECT_EQ(playback->code, static_cast<int64_t>(QSOPlaybackFailureCode::MetadataUnavailable));
+  EXPECT_EQ(playback->localizedDescription(), QSOPlaybackFailureMetadataUnavilableDescription);
 }
 
 TEST_F(MetadataFetch, ABodyThatIsNotUTF8NeverCompletes) {
   server.faults().add(Route::kMetadata, Fault::customBody(200, "{\"audiobook\": \"\xff\xfe\"}"));
   auto done = std::make_shared<std::promise<ErrorPtr>>();
   auto future = done->get_future();
-  auto fetcher = std::make_shared<QSOAudiobookAPIFetch>("k");
+  auto fetcher = std::make_shared<QSOAudiobookAPIFetch>("k", HttpClient::shared(), recorder);
   fetcher->fetchAudiobook("1001", [done](ErrorPtr error) {
     ADD_FAILURE() << "completed: " << (error ? error->description() : "no error");
     done->set_value(error);
@@ -162,13 +209,53 @@ TEST_F(MetadataFetch, ABodyThatIsNotUTF8NeverCompletes) {
   EXPECT_EQ(future.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
 }
 
+// Loses the connection of the first request it is given; every later one is real.
+class FirstSendFails : public HttpClientWrapper {
+ public:
+  using HttpClientWrapper::HttpClientWrapper;
+  std::shared_ptr<HttpTask> send(HttpRequest request, Completion completion) override {
+    if (failed_.exchange(true)) return HttpClientWrapper::send(std::move(request), completion);
+    answers_->async([completion] {
+      completion(std::nullopt, Error::make(std::string(kURLLoadingErrorDomain),
+                                           kURLErrorNetworkConnectionLost, "lost", nullptr));
+    });
+    return nullptr;
+  }
+
+ private:
+  std::atomic<bool> failed_{false};
+  DispatchQueuePtr answers_ = DispatchQueue::create("test.answers");
+};
+
+TEST_F(MetadataFetch, AClientWrappedToFailOneCallFailsThatFetchAndNoOther) {
+  auto services = Services::systemCopy();
+  services->http = std::make_shared<FirstSendFails>(services->http);
+  auto synchronizer = std::make_shared<TaskSynchronizer>(services->http, recorder);
+  auto fetchOnce = [&] {
+    std::promise<ErrorPtr> done;
+    auto future = done.get_future();
+    synchronizer->fetchAudiobookMetadata("1001", "k", [&done](ErrorPtr e) { done.set_value(e); });
+    return await(future);
+  };
+  auto failed = fetchOnce();
+  ASSERT_NE(failed, nullptr);
+  EXPECT_EQ(failed->code, 70);
+  ASSERT_NE(failed->underlyingError(), nullptr);
+  EXPECT_EQ(failed->underlyingError()->code, kURLErrorNetworkConnectionLost);
+  EXPECT_EQ(server.requestCount(Route::kMetadata), 0u);
+
+  EXPECT_EQ(fetchOnce(), nullptr);
+  EXPECT_EQ(server.requestCount(Route::kMetadata), 1u);
+  EXPECT_NE(QSOAudiobookStatus::fetchAudiobookStatusForAudiobookIdentifier("1001"), nullptr);
+}
+
 TEST_F(MetadataFetch, ConcurrentRequestsForOneBookShareOneFetch) {
-  TaskSynchronizer synchronizer;
+  auto synchronizer = std::make_shared<TaskSynchronizer>(HttpClient::shared(), recorder);
   // Hold the first answer back so that all three requests meet it in flight.
   server.faults().add(Route::kMetadata, Fault::delayed(std::chrono::milliseconds(300)));
   std::vector<std::promise<ErrorPtr>> done(3);
   for (auto& d : done) {
-    synchronizer.fetchAudiobookMetadata("1001", "k", [&d](ErrorPtr e) { d.set_value(e); });
+    synchronizer->fetchAudiobookMetadata("1001", "k", [&d](ErrorPtr e) { d.set_value(e); });
   }
   for (auto& d : done) {
     auto f = d.get_future();
@@ -180,7 +267,7 @@ TEST_F(MetadataFetch, ConcurrentRequestsForOneBookShareOneFetch) {
   // because the book's status record exists already).
   std::promise<ErrorPtr> again;
   auto f = again.get_future();
-  synchronizer.fetchAudiobookMetadata("1001", "k", [&again](ErrorPtr e) { again.set_value(e); });
+  synchronizer->fetchAudiobookMetadata("1001", "k", [&again](ErrorPtr e) { again.set_value(e); });
   auto error = await(f);
   EXPECT_EQ(server.requestCount(Route::kMetadata), 2u);
   ASSERT_NE(error, nullptr);
@@ -190,11 +277,11 @@ TEST_F(MetadataFetch, ConcurrentRequestsForOneBookShareOneFetch) {
 }
 
 TEST_F(MetadataFetch, ACompletionThatStartsANewFetchForTheSameKeyDoesNotDeadlock) {
-  TaskSynchronizer synchronizer;
+  auto synchronizer = std::make_shared<TaskSynchronizer>(HttpClient::shared(), recorder);
   std::promise<ErrorPtr> second;
   auto f = second.get_future();
-  synchronizer.fetchAudiobookMetadata("1002", "k", [&](ErrorPtr) {
-    synchronizer.fetchAudiobookMetadata("1002", "k", [&](ErrorPtr e) { second.set_value(e); });
+  synchronizer->fetchAudiobookMetadata("1002", "k", [&](ErrorPtr) {
+    synchronizer->fetchAudiobookMetadata("1002", "k", [&](ErrorPtr e) { second.set_value(e); });
   });
   await(f);
   EXPECT_EQ(server.requestCount(Route::kMetadata), 2u);

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/service_urls.h"
 #include "persistence/filesystem_helper.h"
 #include "sonorell/facade.h"
 #include "sonorell/log_engine.h"
@@ -86,7 +87,17 @@ TEST_F(FacadeTest, EnteringTheBackgroundPostsExactlyBackgroundYes) {
   EXPECT_EQ(received[0].userInfo, (Dictionary{{"background", Value("YES")}}));
 }
 
-TEST_F(FacadeTest, VersionIs658) { EXPECT_EQ(QSOSonorell::currentVersion(), "6.5.8"); }
+TEST_F(FacadeTest, HostServiceURLsWinOverTheEnvironment) {
+  ::setenv("SONORELL_API_BASE_URL", "https://env.example", 1);
+  EXPECT_EQ(ServiceURLs::apiBaseURL(), "https://env.example");
+  EXPECT_EQ(ServiceURLs::analyticsURL(), "https://env.example/v4/analytics");
+  ::setenv("SONORELL_ANALYTICS_URL", "https://stats.example/v4/analytics", 1);
+  EXPECT_EQ(ServiceURLs::analyticsURL(), "https://stats.example/v4/analytics");
+  QSOSonorell::setContentAPIBaseURL("https://host.example");
+  QSOSonorell::setAnalyticsURL("https://host.example/a");
+  EXPECT_EQ(ServiceURLs::apiBaseURL(), "https://host.example");
+  EXPECT_EQ(ServiceURLs::analyticsURL(), "https://host.example/a");
+}
 
 TEST_F(FacadeTest, FlatChapterFilesOfEarlierVersionsMoveIntoTheirAudiobookDirectory) {
   fs::path audio = FilesystemHelper::audioParentDirectory();

@@ -12,7 +12,6 @@
 #include <type_traits>
 #include <variant>
 
-#include "sonorell/export.h"
 #include "sonorell/value.h"
 
 namespace sonorell {
@@ -78,8 +77,7 @@ FormatArg toFormatArg(const T& value) {
 
 // Formats with printf rules for d i u x X o c f e g s p (length modifiers accepted and
 // ignored), "%@" for any argument's text, "%%". Missing arguments print "(null)".
-SONORELL_EXPORT std::string formatWithArgs(std::string_view format,
-                                           std::span<const FormatArg> args);
+std::string formatWithArgs(std::string_view format, std::span<const FormatArg> args);
 
 template <class... A>
 std::string stringWithFormat(std::string_view format, const A&... args) {

@@ -1,18 +1,20 @@
-// The child process of the process-death tests (see child_process.h). Disabled, so it runs only
-// when a test starts this binary for it; it reports on descriptor 3 and never returns on its own:
+// The child process of the process-death tests (see child_process.h): starts one transfer in
+// the session the parent names, reports its events on descriptor 3 and never returns on its own:
 // the parent kills it.
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 
-#include "child_process.h"
+#include "../child_process.h"
 #include "platform/net/transfer_service.h"
 
-namespace sonorell::testing {
 namespace {
+
+using namespace sonorell;
+using namespace sonorell::testing;
 
 void report(const std::string& line) {
   std::string text = line + "\n";
@@ -41,24 +43,32 @@ class ReportingDelegate : public TransferSessionDelegate {
   const bool blockInFinish_;
 };
 
-TEST(TransferChild, DISABLED_Run) {
-  const char* url = std::getenv(kChildURL);
-  if (!url) GTEST_SKIP() << "runs only as the child of a process-death test";
-  auto service = TransferService::shared();  // journal under $SONORELL_LIBRARY_DIR
+const char* setting(const char* name) {
+  const char* value = std::getenv(name);
+  if (!value) {
+    std::fprintf(stderr, "transfer_child: %s is not set; run only by the transfer tests\n", name);
+    std::exit(2);
+  }
+  return value;
+}
+
+}  // namespace
+
+int main() {
+  const std::string url = setting(kChildURL);
+  TransferSessionConfiguration config;
+  config.identifier = setting(kChildSession);
+  config.caBundle = setting(kChildCA);
+  const std::string description = setting(kChildDescription);
   const char* block = std::getenv(kChildBlockInFinish);
   auto delegate = std::make_shared<ReportingDelegate>(block && std::string(block) == "1");
-  TransferSessionConfiguration config;
-  config.identifier = std::getenv(kChildSession);
-  config.caBundle = std::getenv(kChildCA);
+  auto service = TransferService::shared();  // journal under $SONORELL_LIBRARY_DIR
   auto session = service->sessionWithConfiguration(config, delegate);
   TransferRequest request;
   request.url = url;
   auto task = session->downloadTask(request);
-  task->setTaskDescription(std::getenv(kChildDescription));
+  task->setTaskDescription(description);
   task->resume();
   report("started");
   for (;;) ::pause();
 }
-
-}  // namespace
-}  // namespace sonorell::testing

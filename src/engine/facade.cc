@@ -1,15 +1,20 @@
+// QSOSonorell, the composition root: it builds the platform services (or takes a test's), hands
+// them to the download and playback engines, and runs the once-per-process start-up steps.
 #include "sonorell/facade.h"
 
 #include <mutex>
 
 #include "analytics/application_state.h"
 #include "analytics/listen_event_handler.h"
+#include "core/logging.h"
+#include "core/notification_poster.h"
+#include "core/service_urls.h"
+#include "engine/engine_composition.h"
 #include "persistence/filesystem_helper.h"
 #include "persistence/legacy_migration.h"
 #include "platform/foundation/library_directory.h"
-#include "platform/net/http_client.h"
-#include "sonorell/log_engine.h"
-#include "sonorell/notification_poster.h"
+#include "platform/net/curl_loop.h"
+#include "sonorell/notifications.h"
 #include "sonorell/persistence_engine.h"
 #include "sonorell/version.h"
 
@@ -23,9 +28,13 @@ std::shared_ptr<QSOSonorell> QSOSonorell::sharedEngine() {
     // The migrations run before either sub-engine exists, on whichever thread asked first.
     LegacyMigration::migrateFromCoreData();
     FilesystemMigration::migrate();
-    engine = std::make_shared<QSOSonorell>();
+    engine = EngineComposition::create(Services::system());
   });
   return engine;
+}
+
+std::shared_ptr<QSOSonorell> EngineComposition::create(ServicesPtr services) {
+  return std::shared_ptr<QSOSonorell>(new QSOSonorell(std::move(services)));
 }
 
 std::string_view QSOSonorell::currentVersion() { return kSonorellVersion; }
@@ -34,17 +43,17 @@ void QSOSonorell::setLibraryDirectory(const std::filesystem::path& path) {
   LibraryDirectory::setPath(path);
 }
 
-void QSOSonorell::setContentAPIBaseURL(const std::string& url) { HttpClient::setAPIBaseURL(url); }
+void QSOSonorell::setContentAPIBaseURL(const std::string& url) { ServiceURLs::setAPIBaseURL(url); }
 
-void QSOSonorell::setAnalyticsURL(const std::string& url) { HttpClient::setAnalyticsURL(url); }
+void QSOSonorell::setAnalyticsURL(const std::string& url) { ServiceURLs::setAnalyticsURL(url); }
 
 void QSOSonorell::setTrustedCertificates(const std::filesystem::path& pemFile) {
-  HttpClient::shared()->setCABundle(pemFile.string());
+  setDefaultCABundle(pemFile.string());
 }
 
-QSOSonorell::QSOSonorell()
-    : downloadEngine_(std::make_shared<QSODownloadEngine>()),
-      playbackEngine_(std::make_shared<QSOPlaybackEngine>()) {}
+QSOSonorell::QSOSonorell(ServicesPtr services)
+    : downloadEngine_(std::make_shared<QSODownloadEngine>(services)),
+      playbackEngine_(std::make_shared<QSOPlaybackEngine>(services)) {}
 
 void QSOSonorell::didFinishLaunching() {
   static std::once_flag once;
@@ -67,7 +76,7 @@ void QSOSonorell::didEnterBackground() {
   ApplicationStateTracker::set(ApplicationState::Background);
   Dictionary info;
   info.emplace("background", "YES");
-  QSONotificationPoster::sharedPoster()->postNotificationWithName("QLBackgrounded",
+  QSONotificationPoster::sharedPoster()->postNotificationWithName(QLBackgroundedNotification,
                                                                   std::move(info));
 }
 

@@ -1,7 +1,7 @@
 // QSODownloadRequest's initialisers and description.
 #include "sonorell/download_request.h"
 
-#include "sonorell/format.h"
+#include "platform/foundation/format.h"
 #include "sonorell/utils.h"
 
 namespace sonorell {

@@ -1,0 +1,37 @@
+// The platform services the engines run on, in one object: the clock, the HTTP client, the
+// transfer service, reachability, the file system and the audio session. The facade fills it
+// with the real ones; a test builds its own, replacing one service or wrapping one to fail a
+// single call. Immutable once built: share it freely between threads.
+#pragma once
+
+#include <memory>
+
+#include "platform/dispatch/clock.h"
+#include "platform/foundation/file_system.h"
+#include "platform/media/audio_session.h"
+#include "platform/media/reachability.h"
+#include "platform/net/http_client.h"
+#include "platform/net/transfer_service.h"
+
+namespace sonorell {
+
+struct Services {
+  // Every "now" and delay of the engines. Dispatch timers run on Clock::current(): a test that
+  // replaces this clock installs the same one there (ScopedVirtualClock).
+  std::shared_ptr<Clock> clock;
+  std::shared_ptr<HttpClient> http;
+  std::shared_ptr<TransferService> transfers;
+  std::shared_ptr<Reachability> reachability;
+  std::shared_ptr<FileSystem> files;
+  std::shared_ptr<AudioSession> audioSession;
+
+  // The real services of this process, made on first use (the transfer service then opens its
+  // journal under the Library directory) and never destroyed.
+  static std::shared_ptr<const Services> system();
+  // A copy of system() for a test to change.
+  static std::shared_ptr<Services> systemCopy();
+};
+
+using ServicesPtr = std::shared_ptr<const Services>;
+
+}  // namespace sonorell
