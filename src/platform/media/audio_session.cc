@@ -92,7 +92,7 @@ void AudioSession::raiseMediaServicesReset() {
 }
 
 ObservationToken AudioSession::observe(DispatchQueuePtr queue, EventCallback callback) {
-  return observers_.add(std::move(queue), std::move(callback));
+  return observers_.add(std::move(queue), std::move(callback), "AudioSession::observe");
 }
 
 }  // namespace sonorell

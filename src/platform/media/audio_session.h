@@ -88,6 +88,7 @@ class AudioSession {
   void raiseRouteChange(AudioSessionRouteChangeReason reason);
   void raiseMediaServicesReset();
 
+  // Every event, on `queue`. A null queue is refused (see observation.h).
   ObservationToken observe(DispatchQueuePtr queue, EventCallback callback);
 
   AudioSession() = default;  // tests may make their own

@@ -49,11 +49,11 @@ void PlayerItem::setAudioTimePitchAlgorithm(TimePitchAlgorithm algorithm) {
 }
 
 ObservationToken PlayerItem::observeStatus(DispatchQueuePtr queue, StatusCallback callback) {
-  return statusObservers_.add(std::move(queue), std::move(callback));
+  return statusObservers_.add(std::move(queue), std::move(callback), "PlayerItem::observeStatus");
 }
 
 ObservationToken PlayerItem::observeEvents(DispatchQueuePtr queue, EventCallback callback) {
-  return eventObservers_.add(std::move(queue), std::move(callback));
+  return eventObservers_.add(std::move(queue), std::move(callback), "PlayerItem::observeEvents");
 }
 
 void PlayerItemControl::setStatus(PlayerItem& item, PlayerItemStatus status, ErrorPtr error) {

@@ -51,9 +51,10 @@ class PlayerItem : public std::enable_shared_from_this<PlayerItem> {
   TimePitchAlgorithm audioTimePitchAlgorithm() const;
   void setAudioTimePitchAlgorithm(TimePitchAlgorithm algorithm);
 
-  // Status changes, with old and new value, on `queue`.
+  // Status changes, with old and new value, on `queue`. A null queue is refused (see
+  // observation.h): the token never delivers.
   ObservationToken observeStatus(DispatchQueuePtr queue, StatusCallback callback);
-  // Did-play-to-end, failed-to-play-to-end and stalled, on `queue`.
+  // Did-play-to-end, failed-to-play-to-end and stalled, on `queue` (required, as above).
   ObservationToken observeEvents(DispatchQueuePtr queue, EventCallback callback);
 
  private:

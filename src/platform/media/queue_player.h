@@ -1,7 +1,8 @@
 // The player the playback engine drives: a queue of items played one after the other, a rate,
 // seeking, time, periodic time observers and observation of the current item. Implementations
 // (GStreamer, virtual) are safe to call from any thread; each says which lock guards its state.
-// Callbacks run on the queues their callers name.
+// Observers run on the queues their callers name (required; see observation.h for when a token
+// stops them); seek completions run on the queue that asked for the seek.
 #pragma once
 
 #include <functional>
@@ -57,7 +58,9 @@ class QueuePlayer {
   void play() { setRate(1.0f); }
   void pause() { setRate(0.0f); }
 
-  // The completion runs once on the main queue: true when the seek finished, false when a later
+  // The completion runs once, on the queue that called seekToTime (DispatchQueue::current() at
+  // the call; the main queue when the caller runs on no queue), so the caller gets its answer
+  // where its own state lives. `finished` is true when the seek finished, false when a later
   // seek or a change of item superseded it. A seek before the item is ready waits for it.
   virtual void seekToTime(MediaTime time, SeekCompletion completion) = 0;
   virtual void seekToTime(MediaTime time, MediaTime toleranceBefore, MediaTime toleranceAfter,
@@ -66,10 +69,11 @@ class QueuePlayer {
   virtual MediaTime currentTime() const = 0;
 
   // Calls `callback` with the current time every `interval` of clock time while the time moves
-  // (and once when it has stopped), on `queue`, until the token is dropped or invalidated.
+  // (and once when it has stopped), on `queue`, until the token is dropped or invalidated. A null
+  // queue is refused: it is logged and the token never delivers.
   virtual ObservationToken addPeriodicTimeObserver(MediaTime interval, DispatchQueuePtr queue,
                                                    TimeCallback callback) = 0;
-  // Every change of the current item, old and new value, on `queue`.
+  // Every change of the current item, old and new value, on `queue` (required, as above).
   virtual ObservationToken observeCurrentItem(DispatchQueuePtr queue,
                                               CurrentItemCallback callback) = 0;
 };

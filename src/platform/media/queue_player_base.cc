@@ -1,24 +1,55 @@
 #include "platform/media/queue_player_base.h"
 
 #include <algorithm>
+#include <atomic>
 
 #include "platform/dispatch/dispatch_group.h"
 
 namespace sonorell {
 namespace {
 
-// A periodic observer: its timer stops with the token.
+// The callback of a periodic observer, shared by its token and its timer's handler. Null once the
+// token is invalidated or gone; a tick takes its own reference for the call.
+using TimeCallbackSlot = std::atomic<std::shared_ptr<const QueuePlayer::TimeCallback>>;
+
+// A periodic observer: its timer stops with the token. The timer re-checks its cancellation on
+// the delivery queue before each tick, which is what makes an invalidation made there final. The
+// token also lets go of the callback (and what it captured) at once, on its own thread.
 class PeriodicObservation : public Observation {
  public:
-  explicit PeriodicObservation(std::shared_ptr<DispatchTimer> timer) : timer_(std::move(timer)) {}
-  ~PeriodicObservation() override { timer_->cancel(); }
-  void invalidate() override { timer_->cancel(); }
+  PeriodicObservation(std::shared_ptr<DispatchTimer> timer, std::shared_ptr<TimeCallbackSlot> slot)
+      : timer_(std::move(timer)), slot_(std::move(slot)) {}
+  ~PeriodicObservation() override { invalidate(); }
+  void invalidate() override {
+    timer_->cancel();
+    slot_->store(nullptr);
+  }
 
  private:
-  std::shared_ptr<DispatchTimer> timer_;
+  const std::shared_ptr<DispatchTimer> timer_;
+  const std::shared_ptr<TimeCallbackSlot> slot_;
 };
 
 }  // namespace
+
+QueuePlayerBase::~QueuePlayerBase() {
+  // Items claim the player by address; a dead player must not keep them, nor let a new player
+  // at the same address inherit them.
+  for (const auto& item : items_) PlayerItemControl::release(*item, this);
+}
+
+DispatchQueuePtr QueuePlayerBase::seekCompletionQueue() {
+  if (DispatchQueue* current = DispatchQueue::current()) {
+    if (auto queue = current->weak_from_this().lock()) return queue;
+  }
+  return DispatchQueue::main();
+}
+
+void QueuePlayerBase::completeSeek(const DispatchQueuePtr& queue, SeekCompletion completion,
+                                   bool finished) {
+  if (!completion) return;
+  queue->async([completion = std::move(completion), finished] { completion(finished); });
+}
 
 std::vector<QueuePlayer::ItemPtr> QueuePlayerBase::items() const {
   std::lock_guard lock(queueMutex_);
@@ -65,6 +96,9 @@ bool QueuePlayerBase::insertItem(const ItemPtr& item, const ItemPtr& after) {
 void QueuePlayerBase::eraseLocked(size_t index, std::vector<ItemPtr>& released) {
   ItemPtr item = items_[index];
   items_.erase(items_.begin() + static_cast<std::ptrdiff_t>(index));
+  // Released under the lock: a release after it could undo an insertion of the same item that
+  // another thread made in between, leaving it queued here but free for another player.
+  PlayerItemControl::release(*item, this);
   released.push_back(item);
   if (index == 0) {
     currentItemObservers_.notify(item, items_.empty() ? nullptr : items_.front());
@@ -79,7 +113,6 @@ void QueuePlayerBase::removeItem(const ItemPtr& item) {
     if (it == items_.end()) return;
     eraseLocked(static_cast<size_t>(it - items_.begin()), released);
   }
-  for (const auto& r : released) PlayerItemControl::release(*r, this);
   queueDidChange();
 }
 
@@ -91,9 +124,9 @@ void QueuePlayerBase::removeAllItems() {
     ItemPtr old = items_.front();
     released = std::move(items_);
     items_.clear();
+    for (const auto& r : released) PlayerItemControl::release(*r, this);
     currentItemObservers_.notify(old, nullptr);
   }
-  for (const auto& r : released) PlayerItemControl::release(*r, this);
   queueDidChange();
 }
 
@@ -104,7 +137,6 @@ void QueuePlayerBase::advanceToNextItem() {
     if (items_.empty()) return;
     eraseLocked(0, released);
   }
-  for (const auto& r : released) PlayerItemControl::release(*r, this);
   queueDidChange();
 }
 
@@ -117,7 +149,6 @@ QueuePlayer::ItemPtr QueuePlayerBase::dropEndedItem(const ItemPtr& ended) {
     eraseLocked(0, released);
     next = items_.empty() ? nullptr : items_.front();
   }
-  PlayerItemControl::release(*ended, this);
   return next;
 }
 
@@ -141,30 +172,35 @@ void QueuePlayerBase::setAllowsExternalPlayback(bool) {}
 ObservationToken QueuePlayerBase::addPeriodicTimeObserver(MediaTime interval,
                                                           DispatchQueuePtr queue,
                                                           TimeCallback callback) {
-  if (!queue) queue = DispatchQueue::main();
+  if (!queue) return refuseObserverWithoutQueue("QueuePlayer::addPeriodicTimeObserver");
   double seconds = interval.seconds();
   if (!(seconds > 0)) seconds = 0.5;
   std::weak_ptr<QueuePlayerBase> weakSelf = weak_from_this();
-  // Reports while time moves, and once more when it has stopped.
+  auto slot =
+      std::make_shared<TimeCallbackSlot>(std::make_shared<const TimeCallback>(std::move(callback)));
+  // Reports while time moves, and once more when it has stopped. `last` is only touched on
+  // `queue`.
   auto last = std::make_shared<int64_t>(-1);
   auto timer =
       DispatchTimer::create(queue, std::chrono::nanoseconds(static_cast<int64_t>(seconds * 1e9)),
-                            Duration{0}, [weakSelf, callback = std::move(callback), last] {
+                            Duration{0}, [weakSelf, slot, last] {
                               auto self = weakSelf.lock();
-                              if (!self) return;
+                              auto callback = slot->load();
+                              if (!self || !callback) return;
                               MediaTime now = self->currentTime();
                               int64_t ns = now.isNumeric() ? now.nanoseconds() : -2;
                               if (ns == *last && self->rate() == 0.0f) return;
                               *last = ns;
-                              callback(now);
+                              (*callback)(now);
                             });
   timer->resume();
-  return std::make_shared<PeriodicObservation>(std::move(timer));
+  return std::make_shared<PeriodicObservation>(std::move(timer), std::move(slot));
 }
 
 ObservationToken QueuePlayerBase::observeCurrentItem(DispatchQueuePtr queue,
                                                      CurrentItemCallback callback) {
-  return currentItemObservers_.add(std::move(queue), std::move(callback));
+  return currentItemObservers_.add(std::move(queue), std::move(callback),
+                                   "QueuePlayer::observeCurrentItem");
 }
 
 }  // namespace sonorell

@@ -14,6 +14,9 @@ namespace sonorell {
 
 class QueuePlayerBase : public QueuePlayer, public std::enable_shared_from_this<QueuePlayerBase> {
  public:
+  // Releases the items still queued so that another player may take them.
+  ~QueuePlayerBase() override;
+
   std::vector<ItemPtr> items() const override;
   ItemPtr currentItem() const override;
   bool canInsertItem(const ItemPtr& item, const ItemPtr& after) const override;
@@ -41,9 +44,16 @@ class QueuePlayerBase : public QueuePlayer, public std::enable_shared_from_this<
   // The item after the current one, or null.
   ItemPtr nextItem() const;
 
+  // The queue a seek's completion goes to, taken when seekToTime is called: the caller's queue,
+  // or the main queue when the caller runs on no queue.
+  static DispatchQueuePtr seekCompletionQueue();
+  // Queues completion(finished) on `queue`; an empty completion is skipped.
+  static void completeSeek(const DispatchQueuePtr& queue, SeekCompletion completion, bool finished);
+
  private:
   bool canInsertLocked(const ItemPtr& item, const ItemPtr& after) const;
-  // Removes the item at `index` under the lock; notifies when the current item changed.
+  // Removes and releases the item at `index` under the lock, adding it to `released` so that it
+  // is destroyed after the lock is dropped; notifies when the current item changed.
   void eraseLocked(size_t index, std::vector<ItemPtr>& released);
 
   mutable std::mutex queueMutex_;

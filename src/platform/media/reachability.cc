@@ -178,7 +178,7 @@ void Reachability::stopMonitoring() {
 }
 
 ObservationToken Reachability::observe(DispatchQueuePtr queue, Callback callback) {
-  return observers_.add(std::move(queue), std::move(callback));
+  return observers_.add(std::move(queue), std::move(callback), "Reachability::observe");
 }
 
 }  // namespace sonorell

@@ -76,6 +76,7 @@ class Reachability : public std::enable_shared_from_this<Reachability> {
   void startMonitoring(Duration interval);
   void stopMonitoring();
 
+  // Every change of type, on `queue`. A null queue is refused (see observation.h).
   ObservationToken observe(DispatchQueuePtr queue, Callback callback);
 
  private:

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "platform/media/media_errors.h"
+#include "platform/media/media_log.h"
 
 namespace sonorell {
 namespace {
@@ -20,9 +21,15 @@ std::shared_ptr<ResourceLoader> ResourceLoader::create() {
 
 void ResourceLoader::setDelegate(std::weak_ptr<ResourceLoaderDelegate> delegate,
                                  DispatchQueuePtr queue) {
+  if (!queue && !delegate.expired()) {
+    media_log::emit(LogType::Error,
+                    "[Media] ResourceLoader::setDelegate called without a delegate queue; the "
+                    "delegate is refused");
+    delegate.reset();
+  }
   std::lock_guard lock(mutex_);
   delegate_ = std::move(delegate);
-  queue_ = queue ? std::move(queue) : DispatchQueue::main();
+  queue_ = std::move(queue);
 }
 
 std::shared_ptr<ResourceLoaderDelegate> ResourceLoader::delegate() const {

@@ -29,7 +29,8 @@ class ResourceLoader : public std::enable_shared_from_this<ResourceLoader> {
  public:
   static std::shared_ptr<ResourceLoader> create();
 
-  // A null queue calls the delegate on the main queue.
+  // The delegate is called only on `queue`. A delegate without a queue is refused (logged, and the
+  // loader is left without a delegate, so its requests fail); a null delegate clears it.
   void setDelegate(std::weak_ptr<ResourceLoaderDelegate> delegate, DispatchQueuePtr queue);
   std::shared_ptr<ResourceLoaderDelegate> delegate() const;
   DispatchQueuePtr delegateQueue() const;

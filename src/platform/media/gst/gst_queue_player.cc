@@ -237,10 +237,8 @@ GstQueuePlayer::~GstQueuePlayer() {
   }
 }
 
-void GstQueuePlayer::complete(SeekCompletion completion, bool finished) {
-  if (!completion) return;
-  DispatchQueue::main()->async(
-      [completion = std::move(completion), finished] { completion(finished); });
+void GstQueuePlayer::complete(Seek seek, bool finished) {
+  completeSeek(seek.replyQueue, std::move(seek.completion), finished);
 }
 
 void GstQueuePlayer::setAudioTapForTesting(AudioTap tap) {
@@ -318,8 +316,8 @@ void GstQueuePlayer::stopPipeline(bool keepPendingSeek) {
     seekInFlight_.reset();
   }
   gst_element_set_state(gst_->playbin, GST_STATE_READY);
-  if (pending) complete(std::move(pending->completion), false);
-  if (inFlight) complete(std::move(inFlight->completion), false);
+  if (pending) complete(std::move(*pending), false);
+  if (inFlight) complete(std::move(*inFlight), false);
 }
 
 void GstQueuePlayer::load(const ItemPtr& item, const GstItemSource::Probe& probe) {
@@ -523,7 +521,8 @@ void GstQueuePlayer::seekToTime(MediaTime time, MediaTime toleranceBefore, Media
   double seconds = time.isNumeric() ? std::max(0.0, time.seconds()) : 0.0;
   bool accurate = !(toleranceBefore.isNumeric() && toleranceBefore.seconds() > 0) &&
                   !(toleranceAfter.isNumeric() && toleranceAfter.seconds() > 0);
-  auto seek = std::make_shared<Seek>(Seek{seconds, accurate, std::move(completion)});
+  auto seek =
+      std::make_shared<Seek>(Seek{seconds, accurate, std::move(completion), seekCompletionQueue()});
   async([seek](GstQueuePlayer& p) { p.startSeek(std::move(*seek)); });
 }
 
@@ -536,7 +535,7 @@ void GstQueuePlayer::startSeek(Seek seek) {
       // Made before the item is ready: performed once it is.
       superseded = std::move(pendingSeek_);
       pendingSeek_ = std::move(seek);
-      if (superseded) complete(std::move(superseded->completion), false);
+      if (superseded) complete(std::move(*superseded), false);
       return;
     }
     superseded = std::move(seekInFlight_);
@@ -545,7 +544,7 @@ void GstQueuePlayer::startSeek(Seek seek) {
     ended_ = false;
     rate = appliedRate_;
   }
-  if (superseded) complete(std::move(superseded->completion), false);
+  if (superseded) complete(std::move(*superseded), false);
   auto flags = static_cast<GstSeekFlags>(
       GST_SEEK_FLAG_FLUSH | (seek.accurate ? GST_SEEK_FLAG_ACCURATE
                                            : GST_SEEK_FLAG_KEY_UNIT | GST_SEEK_FLAG_SNAP_NEAREST));
@@ -558,7 +557,7 @@ void GstQueuePlayer::startSeek(Seek seek) {
       failed = std::move(seekInFlight_);
       seekInFlight_.reset();
     }
-    if (failed) complete(std::move(failed->completion), false);
+    if (failed) complete(std::move(*failed), false);
   }
 }
 
@@ -659,7 +658,7 @@ void GstQueuePlayer::onAsyncDone() {
     PlayerItemControl::setStatus(*item, PlayerItemStatus::ReadyToPlay);
   }
   if (recovered) PlayerItemControl::setBufferState(*item, true, false, false);
-  if (finished) complete(std::move(finished->completion), true);
+  if (finished) complete(std::move(*finished), true);
   if (pending) {
     startSeek(std::move(*pending));
   } else if (firstPreroll) {
@@ -759,8 +758,8 @@ void GstQueuePlayer::onSourceFailure(const ItemPtr& item, ErrorPtr error, bool e
   }
   PlayerItemControl::setStatus(*item, PlayerItemStatus::Failed, error);
   gst_element_set_state(gst_->playbin, GST_STATE_READY);
-  if (pending) complete(std::move(pending->completion), false);
-  if (inFlight) complete(std::move(inFlight->completion), false);
+  if (pending) complete(std::move(*pending), false);
+  if (inFlight) complete(std::move(*inFlight), false);
 }
 
 void GstQueuePlayer::checkStall() {

@@ -48,13 +48,14 @@ class GstQueuePlayer : public QueuePlayerBase {
     double seconds;
     bool accurate;
     SeekCompletion completion;
+    DispatchQueuePtr replyQueue;  // where the completion runs: the caller's queue
   };
 
   GstQueuePlayer();
   bool build();
   std::shared_ptr<GstQueuePlayer> self();
   void async(std::function<void(GstQueuePlayer&)> work);
-  static void complete(SeekCompletion completion, bool finished);
+  static void complete(Seek seek, bool finished);
 
   // On queue_.
   void sync();

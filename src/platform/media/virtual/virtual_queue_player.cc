@@ -41,10 +41,8 @@ void VirtualQueuePlayer::setRedirectResolver(RedirectResolver resolver) {
   resolver_ = std::move(resolver);
 }
 
-void VirtualQueuePlayer::complete(SeekCompletion completion, bool finished) {
-  if (!completion) return;
-  DispatchQueue::main()->async(
-      [completion = std::move(completion), finished] { completion(finished); });
+void VirtualQueuePlayer::complete(PendingSeek seek, bool finished) {
+  completeSeek(seek.replyQueue, std::move(seek.completion), finished);
 }
 
 void VirtualQueuePlayer::scheduleUpdate() {
@@ -79,14 +77,14 @@ void VirtualQueuePlayer::seekToTime(MediaTime time, SeekCompletion completion) {
 
 void VirtualQueuePlayer::seekToTime(MediaTime time, MediaTime, MediaTime,
                                     SeekCompletion completion) {
+  PendingSeek seek{time.isNumeric() ? std::max(0.0, time.seconds()) : 0.0, std::move(completion),
+                   seekCompletionQueue()};
   std::optional<PendingSeek> superseded;
   {
     std::lock_guard lock(mutex_);
-    superseded = std::move(pendingSeek_);
-    double seconds = time.isNumeric() ? std::max(0.0, time.seconds()) : 0.0;
-    pendingSeek_ = PendingSeek{seconds, std::move(completion)};
+    superseded = std::exchange(pendingSeek_, std::move(seek));
   }
-  if (superseded) complete(std::move(superseded->completion), false);
+  if (superseded) complete(std::move(*superseded), false);
   scheduleUpdate();
 }
 
@@ -275,8 +273,8 @@ void VirtualQueuePlayer::update() {
       }
     }
   }
-  if (droppedSeek) complete(std::move(droppedSeek->completion), false);
-  if (finishedSeek) complete(std::move(finishedSeek->completion), true);
+  if (droppedSeek) complete(std::move(*droppedSeek), false);
+  if (finishedSeek) complete(std::move(*finishedSeek), true);
   if (refeed) refeed->start(refeedOffset);
   if (redirect) {
     auto delegate = resolver ? resolver(*redirect) : nullptr;

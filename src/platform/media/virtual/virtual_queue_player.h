@@ -48,6 +48,7 @@ class VirtualQueuePlayer : public QueuePlayerBase {
   struct PendingSeek {
     double seconds;
     SeekCompletion completion;
+    DispatchQueuePtr replyQueue;  // where the completion runs: the caller's queue
   };
 
   VirtualQueuePlayer();
@@ -58,7 +59,7 @@ class VirtualQueuePlayer : public QueuePlayerBase {
   double mediaNowLocked(MonoTime now) const;
   void armTimerLocked(MonoTime deadline);
   void cancelTimerLocked();
-  static void complete(SeekCompletion completion, bool finished);
+  static void complete(PendingSeek seek, bool finished);
 
   const DispatchQueuePtr queue_;
   const std::shared_ptr<Clock> clock_;

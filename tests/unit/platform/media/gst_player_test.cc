@@ -101,14 +101,36 @@ TEST_F(GstPlayerTest, SeekToTwoSecondsOfFourCompletesAndReadsTwo) {
   auto file = testing::makeMp3(dir_.path(), "four.mp3", 4.0);
   auto a = item(file, "four.mp3");
   player_->insertItem(a, nullptr);
+  // Asked from a queue, the answer comes on that queue.
+  auto caller = DispatchQueue::create("io.sonorell.test.caller");
   std::atomic<int> result{-1};
-  player_->seekToTime(MediaTime::make(2, 1), [&](bool finished) { result = finished; });
+  std::atomic<DispatchQueue*> answeredOn{nullptr};
+  caller->sync([&] {
+    player_->seekToTime(MediaTime::make(2, 1), [&](bool finished) {
+      answeredOn = DispatchQueue::current();
+      result = finished;
+    });
+  });
   ASSERT_TRUE(waitUntil([&] { return result != -1; }));
   EXPECT_EQ(result, 1);
+  EXPECT_EQ(answeredOn, caller.get());
   EXPECT_NEAR(player_->currentTime().seconds(), 2.0, 0.05);
   EXPECT_NEAR(a->duration().seconds(), 4.0, 0.15);
   EXPECT_EQ(a->status(), PlayerItemStatus::ReadyToPlay);
-  // Playing on from there ends the item once, about two seconds later.
+  // Asked from no queue, on the main queue.
+  result = -1;
+  std::atomic<bool> onMainThread{false};
+  player_->seekToTime(MediaTime::make(1, 1), [&](bool finished) {
+    answeredOn = DispatchQueue::current();
+    onMainThread = DispatchQueue::isMainThread();
+    result = finished;
+  });
+  ASSERT_TRUE(waitUntil([&] { return result != -1; }));
+  EXPECT_EQ(result, 1);
+  EXPECT_EQ(answeredOn, DispatchQueue::main().get());
+  EXPECT_TRUE(onMainThread);
+  EXPECT_NEAR(player_->currentTime().seconds(), 1.0, 0.05);
+  // Playing on from there ends the item once, about three seconds later.
   player_->play();
   ASSERT_TRUE(recorder_->waitFor("end", 1));
 }
@@ -218,6 +240,29 @@ TEST_F(GstPlayerTest, FileShorterThanStatedEndsEarlyAndIsReported) {
     ASSERT_TRUE(e.error);
     EXPECT_EQ(e.error->code, kMediaErrorContentEndedEarly);
   }
+}
+
+TEST_F(GstPlayerTest, OwnerRemovedOnItsQueueHearsNothingMoreWhileThePlayerRuns) {
+  // Twice a round the other chapter becomes current (the pipeline reloads), the second time
+  // while the owner is being removed, and the time observer ticks every millisecond of real
+  // time; a thousand owners come and go.
+  auto file = testing::makeMp3(dir_.path(), "short.mp3", 1.5);
+  auto a = item(file, "a.mp3"), b = item(file, "b.mp3");
+  ASSERT_TRUE(player_->insertItem(a, nullptr));
+  ASSERT_TRUE(player_->insertItem(b, nullptr));
+  player_->play();
+  constexpr int kRounds = 1000;
+  auto tally = testing::runOwnerTeardownRounds(*player_, kRounds, [&] {
+    player_->advanceToNextItem();
+    for (const auto& i : {a, b}) player_->insertItem(i, nullptr);
+  });
+  // Nothing produces events once the player is gone; whatever was queued has run after this.
+  player_.reset();
+  ASSERT_TRUE(DispatchQueue::waitUntilAllIdle(std::chrono::seconds(20)));
+  EXPECT_EQ(tally->roundsHeard, kRounds);
+  EXPECT_EQ(tally->late, 0);
+  EXPECT_GE(tally->ticks, kRounds);
+  EXPECT_GE(tally->changes, kRounds);
 }
 
 TEST_F(GstPlayerTest, DeclinedRequestFailsTheItem) {

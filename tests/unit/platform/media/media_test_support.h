@@ -1,7 +1,8 @@
 // Shared by the media tests: MP3 files made with GStreamer in a temp directory, a resource loader
-// delegate that serves a file (and can stall, fail, end early or redirect), and a recorder of
-// player events. The delegate runs on its own serial queue; the recorder guards its lists with
-// its own mutex and lets real-time tests wait on a condition, never a sleep.
+// delegate that serves a file (and can stall, fail, end early or redirect), a recorder of player
+// events, a capture of the platform log, and rounds of observers torn down while a player runs.
+// The delegate runs on its own serial queue; the recorder guards its lists with its own mutex and
+// lets real-time tests wait on a condition, never a sleep.
 #pragma once
 
 #include <gst/gst.h>
@@ -19,8 +20,12 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
+#include "platform/dispatch/dispatch_group.h"
+#include "platform/log/platform_log.h"
 #include "platform/media/player_item.h"
 #include "platform/media/queue_player.h"
 #include "platform/media/resource_loader.h"
@@ -179,6 +184,11 @@ class PlayerRecorder {
         }));
   }
 
+  // The tokens go on their delivery queue, so no callback runs into a destroyed recorder.
+  ~PlayerRecorder() {
+    queue_->sync([this] { tokens_.clear(); });
+  }
+
   std::vector<Event> events() const {
     std::lock_guard lock(mutex_);
     return events_;
@@ -220,6 +230,136 @@ inline std::shared_ptr<PlayerItem> makeItem(const std::string& url,
   auto item = PlayerItem::create(url);
   item->resourceLoader().setDelegate(delegate, queue);
   return item;
+}
+
+// Collects the platform log's error lines while it lives; the default sink comes back after.
+class LogCapture {
+ public:
+  LogCapture() : sink_(std::make_shared<Sink>()) { platform_log::setSink(sink_); }
+  ~LogCapture() { platform_log::setSink(nullptr); }
+
+  size_t errorsMentioning(std::string_view part) const {
+    std::lock_guard lock(sink_->mutex);
+    return static_cast<size_t>(
+        std::count_if(sink_->errors.begin(), sink_->errors.end(),
+                      [&](const std::string& line) { return line.find(part) != line.npos; }));
+  }
+
+ private:
+  struct Sink : LogSink {
+    bool wants(LogType) const override { return true; }
+    void write(LogType type, std::string_view line) override {
+      std::lock_guard lock(mutex);
+      if (type == LogType::Error) errors.emplace_back(line);
+    }
+    mutable std::mutex mutex;
+    std::vector<std::string> errors;
+  };
+  std::shared_ptr<Sink> sink_;
+};
+
+// Rounds of an owner that watches a running player, then goes away. Each round a new owner
+// observes the player's time every millisecond and its current item (beside a crowd of other
+// observers of the current item) on a new queue, waits until it has heard both, and then, in
+// one block on that queue, invalidates (even rounds) or drops (odd rounds) its tokens and
+// deletes itself. A callback after that block would write into freed memory (AddressSanitizer
+// reports it); it first checks a flag that outlives the owner and counts itself as late.
+struct OwnerTeardownTally {
+  std::atomic<int> late{0};
+  std::atomic<long> ticks{0};
+  std::atomic<long> changes{0};
+  int roundsHeard = 0;
+};
+
+// `produce` runs once a round's observers are in place and again while their removal is under
+// way (a test that changes the current item itself does it there, so that a notification races
+// with the removal). Producers must stop before the tally is read.
+inline std::shared_ptr<OwnerTeardownTally> runOwnerTeardownRounds(
+    QueuePlayer& player, int rounds, const std::function<void()>& produce) {
+  using ItemPtr = std::shared_ptr<PlayerItem>;
+  // The state the callbacks write. Plain pointers on purpose: they are what a callback that runs
+  // too late would reach.
+  struct Owner {
+    std::vector<double> times;
+    std::vector<ItemPtr> items;
+  };
+  // Outlives the owner, so that a late callback can tell.
+  struct RoundFlags {
+    std::atomic<bool> ownerGone{false};
+    bool ticked = false;  // on the round's queue
+    bool changed = false;
+    Semaphore heardBoth;
+  };
+  struct Tokens {
+    ObservationToken time;
+    ObservationToken current;
+    std::vector<ObservationToken> crowd;
+  };
+  constexpr int kCrowd = 64;
+
+  auto tally = std::make_shared<OwnerTeardownTally>();
+  std::vector<std::shared_ptr<Tokens>> invalidatedTokens;  // kept alive: they must stay silent
+  for (int i = 0; i < rounds; ++i) {
+    auto queue = DispatchQueue::create("io.sonorell.test.owner");
+    auto flags = std::make_shared<RoundFlags>();
+    auto tokens = std::make_shared<Tokens>();
+    auto* owner = new Owner();
+    tokens->time = player.addPeriodicTimeObserver(
+        MediaTime::make(1, 1000), queue, [flags, tally, owner](MediaTime time) {
+          if (flags->ownerGone) {
+            ++tally->late;
+            return;
+          }
+          owner->times.push_back(time.seconds());
+          ++tally->ticks;
+          if (!std::exchange(flags->ticked, true) && flags->changed) flags->heardBoth.signal();
+        });
+    tokens->current =
+        player.observeCurrentItem(queue, [flags, tally, owner](ItemPtr, ItemPtr newItem) {
+          if (flags->ownerGone) {
+            ++tally->late;
+            return;
+          }
+          owner->items.push_back(std::move(newItem));
+          ++tally->changes;
+          if (!std::exchange(flags->changed, true) && flags->ticked) flags->heardBoth.signal();
+        });
+    // Observers added after the owner's keep notify() busy after queueing the owner's delivery,
+    // which is when a token dropped on the queue could otherwise be outrun by that delivery.
+    for (int k = 0; k < kCrowd; ++k) {
+      tokens->crowd.push_back(player.observeCurrentItem(queue, [flags, tally](ItemPtr, ItemPtr) {
+        if (flags->ownerGone) ++tally->late;
+      }));
+    }
+    produce();
+    if (!flags->heardBoth.wait(std::chrono::seconds(20))) {
+      ADD_FAILURE() << "round " << i << " heard no tick and current-item change";
+      queue->sync([&] {
+        tokens.reset();
+        delete owner;
+      });
+      break;
+    }
+    ++tally->roundsHeard;
+    bool drop = i % 2 == 1;
+    if (!drop) invalidatedTokens.push_back(tokens);
+    Semaphore gone;
+    queue->async([flags, tokens = std::move(tokens), owner, drop, &gone]() mutable {
+      if (drop) {
+        tokens.reset();
+      } else {
+        tokens->time->invalidate();
+        tokens->current->invalidate();
+        for (auto& token : tokens->crowd) token->invalidate();
+      }
+      flags->ownerGone = true;
+      delete owner;
+      gone.signal();
+    });
+    produce();
+    gone.wait();
+  }
+  return tally;
 }
 
 // A temp directory removed with the test.

@@ -30,11 +30,17 @@ TEST(AudioSessionTest, ActivationFollowsTheHostsAnswer) {
 
 TEST(AudioSessionTest, EventsReachObserversWithTheirDetails) {
   ScopedVirtualClock clock;
+  testing::LogCapture log;
   AudioSession session;
   EXPECT_EQ(session.currentRoute().outputs.at(0).portType, kAudioSessionPortBuiltInSpeaker);
   std::vector<AudioSessionEvent> events;
   auto token = session.observe(DispatchQueue::create("io.sonorell.test.session"),
                                [&](const AudioSessionEvent& e) { events.push_back(e); });
+  // An observer without a queue is refused: logged, and never called.
+  std::atomic<int> refusedCalls{0};
+  auto refused = session.observe(nullptr, [&](const AudioSessionEvent&) { ++refusedCalls; });
+  ASSERT_NE(refused, nullptr);
+  EXPECT_EQ(log.errorsMentioning("AudioSession::observe"), 1u);
   session.setCurrentRoute({{{std::string(kAudioSessionPortHeadphones), "Jack"}}});
   session.raiseInterruption(AudioSessionInterruptionType::Began, true);
   session.setCurrentRoute({{{std::string(kAudioSessionPortBuiltInSpeaker), "Speaker"}}},
@@ -47,6 +53,7 @@ TEST(AudioSessionTest, EventsReachObserversWithTheirDetails) {
   EXPECT_EQ(events[1].routeChangeReason, AudioSessionRouteChangeReason::OldDeviceUnavailable);
   EXPECT_EQ(events[1].previousRoute.outputs.at(0).portType, kAudioSessionPortHeadphones);
   EXPECT_EQ(events[2].kind, AudioSessionEvent::Kind::MediaServicesReset);
+  EXPECT_EQ(refusedCalls, 0);
   token.reset();
   session.raiseMediaServicesReset();
   ASSERT_TRUE(clock->runUntilIdle());
@@ -101,12 +108,18 @@ TEST(ReachabilityTest, ManualSourceChangesAreObserved) {
   std::vector<ConnectionType> seen;
   auto token = reachability->observe(DispatchQueue::create("io.sonorell.test.reach"),
                                      [&](ConnectionType t) { seen.push_back(t); });
+  testing::LogCapture log;
+  std::atomic<int> refusedCalls{0};
+  auto refused = reachability->observe(nullptr, [&](ConnectionType) { ++refusedCalls; });
+  ASSERT_NE(refused, nullptr);
+  EXPECT_EQ(log.errorsMentioning("Reachability::observe"), 1u);
   manual->set(ConnectionType::Cellular);
   manual->set(ConnectionType::Cellular);  // no change, no notification
   manual->set(ConnectionType::None);
   ASSERT_TRUE(clock->runUntilIdle());
   EXPECT_EQ(seen, (std::vector<ConnectionType>{ConnectionType::Cellular, ConnectionType::None}));
   EXPECT_EQ(reachability->connectionType(), ConnectionType::None);
+  EXPECT_EQ(refusedCalls, 0);  // the refused observer stays silent
 }
 
 TEST(ReachabilityTest, MonitoringRereadsOnTheClock) {

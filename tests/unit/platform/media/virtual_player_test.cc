@@ -2,6 +2,8 @@
 // time moved by hand, so every outcome is exact.
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "media_test_support.h"
 #include "platform/dispatch/clock.h"
 #include "platform/media/media_errors.h"
@@ -13,6 +15,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::FileLoaderDelegate;
 using testing::PlayerRecorder;
+using ItemPtr = std::shared_ptr<PlayerItem>;
 
 class VirtualPlayerTest : public ::testing::Test {
  protected:
@@ -112,6 +115,152 @@ TEST_F(VirtualPlayerTest, SeekToTwoSecondsReadsTwoAndTimeRunsFromThere) {
   idle();
   advance(500ms);
   EXPECT_NEAR(now(), 2.5, 1e-6);
+}
+
+TEST_F(VirtualPlayerTest, SeekCompletionRunsOnTheQueueThatAskedForIt) {
+  struct Reply {
+    std::string seek;
+    bool finished;
+    DispatchQueue* ranOn;
+    bool onMainThread;
+  };
+  std::mutex mutex;
+  std::vector<Reply> replies;
+  auto reply = [&](std::string seek) {
+    return [&, seek](bool finished) {
+      std::lock_guard lock(mutex);
+      replies.push_back({seek, finished, DispatchQueue::current(), DispatchQueue::isMainThread()});
+    };
+  };
+  // The loader is held back, so the first seek still waits for the item when the second one
+  // supersedes it.
+  Semaphore loaderGate;
+  loaderQueue_->async([&] { loaderGate.wait(); });
+  auto a = item("a.mp3");
+  player_->insertItem(a, nullptr);
+  auto first = DispatchQueue::create("io.sonorell.test.first");
+  auto second = DispatchQueue::create("io.sonorell.test.second");
+  first->sync([&] { player_->seekToTime(MediaTime::make(1, 1), reply("first")); });
+  second->sync([&] { player_->seekToTime(MediaTime::make(2, 1), reply("second")); });
+  loaderGate.signal();
+  idle();
+  EXPECT_DOUBLE_EQ(now(), 2.0);
+  // From a thread that serves no queue the answer comes on the main queue.
+  player_->seekToTime(MediaTime::make(3, 1), reply("no queue"));
+  idle();
+  EXPECT_DOUBLE_EQ(now(), 3.0);
+
+  std::lock_guard lock(mutex);
+  ASSERT_EQ(replies.size(), 3u);
+  EXPECT_EQ(replies[0].seek, "first");
+  EXPECT_FALSE(replies[0].finished);  // superseded
+  EXPECT_EQ(replies[0].ranOn, first.get());
+  EXPECT_EQ(replies[1].seek, "second");
+  EXPECT_TRUE(replies[1].finished);
+  EXPECT_EQ(replies[1].ranOn, second.get());
+  EXPECT_EQ(replies[2].seek, "no queue");
+  EXPECT_TRUE(replies[2].finished);
+  EXPECT_EQ(replies[2].ranOn, DispatchQueue::main().get());
+  EXPECT_TRUE(replies[2].onMainThread);
+}
+
+TEST_F(VirtualPlayerTest, ObserversAndDelegatesWithoutAQueueAreRefusedAndLogged) {
+  testing::LogCapture log;
+  std::atomic<int> refusedCalls{0};
+  auto a = item("a.mp3");
+  std::vector<ObservationToken> refused = {
+      player_->addPeriodicTimeObserver(MediaTime::make(1, 10), nullptr,
+                                       [&](MediaTime) { ++refusedCalls; }),
+      player_->observeCurrentItem(nullptr, [&](ItemPtr, ItemPtr) { ++refusedCalls; }),
+      a->observeStatus(nullptr, [&](PlayerItemStatus, PlayerItemStatus) { ++refusedCalls; }),
+      a->observeEvents(nullptr, [&](PlayerItemEvent, ErrorPtr) { ++refusedCalls; }),
+  };
+  for (const auto& token : refused) ASSERT_NE(token, nullptr);
+  // A loader whose delegate comes without a queue has no delegate: its item fails.
+  auto delegate = std::make_shared<FileLoaderDelegate>(chapter_);
+  auto b = PlayerItem::create("qlso://b.mp3");
+  b->resourceLoader().setDelegate(delegate, nullptr);
+  EXPECT_EQ(b->resourceLoader().delegate(), nullptr);
+  recorder_->watch(b);
+
+  player_->insertItem(a, nullptr);
+  player_->insertItem(b, nullptr);
+  idle();
+  player_->play();
+  idle();
+  advance(5s);
+  // Everything the refused observers asked for happened: the recorder heard it on its queue.
+  EXPECT_EQ(recorder_->count("end"), 1u);
+  EXPECT_GE(recorder_->count("current"), 2u);
+  EXPECT_GE(recorder_->count("status"), 2u);
+  EXPECT_EQ(refusedCalls, 0);
+  EXPECT_EQ(b->status(), PlayerItemStatus::Failed);
+  EXPECT_EQ(b->error()->code, kMediaErrorResourceUnavailable);
+  EXPECT_EQ(delegate->requests(), 0);
+  for (const char* call :
+       {"QueuePlayer::addPeriodicTimeObserver", "QueuePlayer::observeCurrentItem",
+        "PlayerItem::observeStatus", "PlayerItem::observeEvents", "ResourceLoader::setDelegate"}) {
+    EXPECT_EQ(log.errorsMentioning(call), 1u) << call;
+  }
+  for (const auto& token : refused) token->invalidate();  // inert, but safe to use
+}
+
+TEST_F(VirtualPlayerTest, InvalidatedOrDroppedTokenLetsGoOfWhatItsCallbackHolds) {
+  // An owner captured strongly by its own callback is freed once its token is switched off, even
+  // while the owner keeps the token.
+  auto queue = DispatchQueue::create("io.sonorell.test.holder");
+  auto timeOwner = std::make_shared<int>(1), itemOwner = std::make_shared<int>(2);
+  std::weak_ptr<int> timeWatch = timeOwner, itemWatch = itemOwner;
+  auto timeToken =
+      player_->addPeriodicTimeObserver(MediaTime::make(1, 10), queue, [timeOwner](MediaTime) {});
+  auto itemToken = player_->observeCurrentItem(queue, [itemOwner](ItemPtr, ItemPtr) {});
+  timeOwner.reset();
+  itemOwner.reset();
+  EXPECT_FALSE(timeWatch.expired());
+  EXPECT_FALSE(itemWatch.expired());
+  timeToken->invalidate();
+  itemToken->invalidate();
+  EXPECT_TRUE(timeWatch.expired());
+  EXPECT_TRUE(itemWatch.expired());
+
+  auto a = item("a.mp3");
+  auto statusOwner = std::make_shared<int>(3);
+  std::weak_ptr<int> statusWatch = statusOwner;
+  auto statusToken = a->observeStatus(queue, [statusOwner](PlayerItemStatus, PlayerItemStatus) {});
+  statusOwner.reset();
+  EXPECT_FALSE(statusWatch.expired());
+  statusToken.reset();
+  EXPECT_TRUE(statusWatch.expired());
+}
+
+TEST_F(VirtualPlayerTest, OwnerRemovedOnItsQueueHearsNothingMoreWhileThePlayerRuns) {
+  // Two items take turns as the current one at every millisecond of playing time, so the player
+  // reports time and item changes as fast as it can while a thousand owners come and go.
+  auto a = item("a.mp3"), b = item("b.mp3");
+  ASSERT_TRUE(player_->insertItem(a, nullptr));
+  ASSERT_TRUE(player_->insertItem(b, nullptr));
+  idle();
+  player_->play();
+  idle();
+  std::atomic<bool> stop{false};
+  std::thread driver([&] {
+    while (!stop) {
+      clock_->advance(1ms);
+      player_->advanceToNextItem();
+      // Back at the end; an item the player dropped at its end comes back too.
+      for (const auto& i : {a, b}) player_->insertItem(i, nullptr);
+      if (player_->rate() == 0.0f) player_->play();
+    }
+  });
+  constexpr int kRounds = 1000;
+  auto tally = testing::runOwnerTeardownRounds(*player_, kRounds, [] {});
+  stop = true;
+  driver.join();
+  idle();
+  EXPECT_EQ(tally->roundsHeard, kRounds);
+  EXPECT_EQ(tally->late, 0);
+  EXPECT_GE(tally->ticks, kRounds);
+  EXPECT_GE(tally->changes, kRounds);
 }
 
 TEST_F(VirtualPlayerTest, RateTwoRunsTimeTwiceAsFastAndPeriodicObserverTicks) {
@@ -214,6 +363,10 @@ TEST_F(VirtualPlayerTest, InsertRemoveAndAdvanceKeepTheQueueInOrder) {
   idle();
   EXPECT_EQ(player_->currentItem(), nullptr);
   EXPECT_TRUE(other->canInsertItem(a, nullptr));  // released with its removal
+  ASSERT_TRUE(other->insertItem(c, nullptr));
+  other.reset();
+  idle();                                           // its queued work may hold it a little longer
+  EXPECT_TRUE(player_->canInsertItem(c, nullptr));  // released with the player that held it
   std::vector<std::pair<std::string, std::string>> changes;
   for (auto& e : recorder_->events()) {
     if (e.kind == "current") {
