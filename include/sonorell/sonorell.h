@@ -1,6 +1,7 @@
 // Everything a host needs: include this one header and link libsonorell.
 #pragma once
 
+#include "sonorell/audio_session.h"
 #include "sonorell/audiobook.h"
 #include "sonorell/chapter_description.h"
 #include "sonorell/download_engine.h"

@@ -9,7 +9,7 @@
 #include "platform/dispatch/clock.h"
 #include "platform/foundation/file_system.h"
 #include "platform/media/audio_session.h"
-#include "platform/media/reachability.h"
+#include "platform/net/reachability.h"
 #include "platform/net/http_client.h"
 #include "platform/net/transfer_service.h"
 

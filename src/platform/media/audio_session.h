@@ -12,19 +12,17 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/media/observation.h"
+#include "platform/dispatch/observation.h"
+#include "sonorell/audio_session.h"
 #include "sonorell/error.h"
 
 namespace sonorell {
 
-// Output port types, as the playback engine compares them.
-inline constexpr std::string_view kAudioSessionPortBuiltInSpeaker = "Speaker";
-inline constexpr std::string_view kAudioSessionPortHeadphones = "Headphones";
-inline constexpr std::string_view kAudioSessionPortBluetoothA2DP = "BluetoothA2DPOutput";
-inline constexpr std::string_view kAudioSessionPortBluetoothHFP = "BluetoothHFP";
-inline constexpr std::string_view kAudioSessionPortHDMI = "HDMI";
-inline constexpr std::string_view kAudioSessionPortUSBAudio = "USBAudio";
-inline constexpr std::string_view kAudioSessionPortLineOut = "LineOut";
+// Port types and reasons are the host's names (sonorell/audio_session.h).
+inline constexpr std::string_view kAudioSessionPortBuiltInSpeaker = QSOAudioPortBuiltInSpeaker;
+inline constexpr std::string_view kAudioSessionPortHeadphones = QSOAudioPortHeadphones;
+using AudioSessionInterruptionType = QSOAudioInterruption;
+using AudioSessionRouteChangeReason = QSOAudioRouteChangeReason;
 
 inline constexpr std::string_view kAudioSessionCategoryPlayback = "AVAudioSessionCategoryPlayback";
 inline constexpr std::string_view kAudioSessionModeSpokenAudio = "AVAudioSessionModeSpokenAudio";
@@ -36,17 +34,6 @@ struct AudioSessionPort {
 
 struct AudioSessionRoute {
   std::vector<AudioSessionPort> outputs;
-};
-
-enum class AudioSessionInterruptionType { Ended = 0, Began = 1 };
-
-// Reasons of a route change; 2 is the old device becoming unavailable (headphones pulled out).
-enum class AudioSessionRouteChangeReason {
-  Unknown = 0,
-  NewDeviceAvailable = 1,
-  OldDeviceUnavailable = 2,
-  CategoryChange = 3,
-  Override = 4,
 };
 
 struct AudioSessionEvent {

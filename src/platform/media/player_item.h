@@ -9,7 +9,7 @@
 #include <string>
 
 #include "platform/media/media_time.h"
-#include "platform/media/observation.h"
+#include "platform/dispatch/observation.h"
 #include "platform/media/resource_loader.h"
 #include "sonorell/error.h"
 

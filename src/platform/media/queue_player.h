@@ -11,7 +11,7 @@
 
 #include "platform/dispatch/dispatch_queue.h"
 #include "platform/media/media_time.h"
-#include "platform/media/observation.h"
+#include "platform/dispatch/observation.h"
 #include "platform/media/player_item.h"
 
 namespace sonorell {

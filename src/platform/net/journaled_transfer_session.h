@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "platform/dispatch/dispatch_queue.h"
-#include "platform/media/reachability.h"
+#include "platform/net/reachability.h"
 #include "platform/net/transfer_delegate.h"
 #include "platform/net/transfer_driver.h"
 #include "platform/net/transfer_journal.h"

@@ -9,7 +9,7 @@
 #include <string>
 #include <utility>
 
-#include "platform/media/reachability.h"
+#include "platform/net/reachability.h"
 #include "platform/net/transfer_delegate.h"
 #include "platform/net/transfer_driver.h"
 #include "platform/net/transfer_session.h"

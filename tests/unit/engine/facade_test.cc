@@ -6,11 +6,14 @@
 #include <barrier>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "core/service_urls.h"
 #include "persistence/filesystem_helper.h"
+#include "platform/services.h"
+#include "sonorell/audio_session.h"
 #include "sonorell/facade.h"
 #include "sonorell/log_engine.h"
 #include "support/notification_recorder.h"
@@ -97,6 +100,43 @@ TEST_F(FacadeTest, HostServiceURLsWinOverTheEnvironment) {
   QSOSonorell::setAnalyticsURL("https://host.example/a");
   EXPECT_EQ(ServiceURLs::apiBaseURL(), "https://host.example");
   EXPECT_EQ(ServiceURLs::analyticsURL(), "https://host.example/a");
+}
+
+TEST_F(FacadeTest, TransferServiceLinesReachTheHostListener) {
+  auto transfers = Services::system()->transfers;
+  ASSERT_NE(transfers, nullptr);
+  TransferSessionConfiguration configuration;
+  configuration.identifier = "QLSO_listener";
+  auto first = transfers->sessionWithConfiguration(configuration, {});
+  auto second = transfers->sessionWithConfiguration(configuration, {});
+  EXPECT_EQ(first, second);
+  EXPECT_EQ(listener->count("[6.5.8] [TransferService] a session named QLSO_listener is already "
+                            "live; reusing it"),
+            1u);
+  first->invalidateAndCancel();
+}
+
+TEST_F(FacadeTest, HostAudioEventsReachTheEnginesAudioSession) {
+  auto session = Services::system()->audioSession;
+  auto queue = DispatchQueue::create("test.audio");
+  std::mutex mutex;
+  std::vector<AudioSessionEvent> events;
+  auto token = session->observe(queue, [&](const AudioSessionEvent& event) {
+    std::lock_guard lock(mutex);
+    events.push_back(event);
+  });
+  QSOAudioSessionEvents::setOutputRoute(std::string(QSOAudioPortHeadphones), "Jack",
+                                        QSOAudioRouteChangeReason::NewDeviceAvailable);
+  QSOAudioSessionEvents::interruption(QSOAudioInterruption::Began);
+  QSOAudioSessionEvents::mediaServicesReset();
+  queue->sync([&] { token->invalidate(); });
+  ASSERT_EQ(events.size(), 3u);
+  EXPECT_EQ(events[0].kind, AudioSessionEvent::Kind::RouteChange);
+  EXPECT_EQ(events[0].routeChangeReason, QSOAudioRouteChangeReason::NewDeviceAvailable);
+  EXPECT_EQ(events[0].previousRoute.outputs.at(0).portType, QSOAudioPortBuiltInSpeaker);
+  EXPECT_EQ(events[1].interruptionType, QSOAudioInterruption::Began);
+  EXPECT_EQ(events[2].kind, AudioSessionEvent::Kind::MediaServicesReset);
+  EXPECT_EQ(session->currentRoute().outputs.at(0).portType, QSOAudioPortHeadphones);
 }
 
 TEST_F(FacadeTest, FlatChapterFilesOfEarlierVersionsMoveIntoTheirAudiobookDirectory) {

@@ -7,7 +7,7 @@
 #include "media_test_support.h"
 #include "platform/dispatch/clock.h"
 #include "platform/media/audio_session.h"
-#include "platform/media/reachability.h"
+#include "platform/net/reachability.h"
 
 namespace sonorell {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/media/reachability.h"
+#include "platform/net/reachability.h"
 
 #include <fstream>
 #include <limits>

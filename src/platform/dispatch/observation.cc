@@ -1,8 +1,8 @@
-#include "platform/media/observation.h"
+#include "platform/dispatch/observation.h"
 
 #include <string>
 
-#include "platform/media/media_log.h"
+#include "platform/log/platform_log.h"
 
 namespace sonorell {
 namespace {
@@ -15,9 +15,10 @@ class RefusedObservation final : public Observation {
 }  // namespace
 
 ObservationToken refuseObserverWithoutQueue(std::string_view what) {
-  media_log::emit(LogType::Error, "[Media] " + std::string(what) +
-                                      " called without a delivery queue; the observer is refused "
-                                      "and will never be called");
+  platform_log::error(
+      "[Observation] %@ called without a delivery queue; the observer is "
+      "refused and will never be called",
+      what);
   return std::make_shared<RefusedObservation>();
 }
 

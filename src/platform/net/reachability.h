@@ -10,7 +10,7 @@
 #include <optional>
 
 #include "platform/dispatch/dispatch_group.h"
-#include "platform/media/observation.h"
+#include "platform/dispatch/observation.h"
 
 namespace sonorell {
 
