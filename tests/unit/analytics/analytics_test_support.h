@@ -15,6 +15,7 @@
 
 #include "analytics/listen_event.h"
 #include "analytics/listen_event_archive.h"
+#include "analytics/listen_event_poster.h"
 #include "content_server.h"
 #include "core/service_urls.h"
 #include "persistence/filesystem_helper.h"
@@ -40,6 +41,14 @@ inline QLListenEventPtr makeEvent(uint64_t chapter, uint64_t start, uint64_t end
   return event;
 }
 
+using Chapters = std::vector<uint64_t>;
+
+inline Chapters chapters(const std::vector<QLListenEventPtr>& events) {
+  Chapters result;
+  for (const auto& event : events) result.push_back(event->chapterNumber());
+  return result;
+}
+
 // The queue the archive on disk holds now, read without touching the file.
 inline std::vector<QLListenEventPtr> archivedEvents() {
   std::vector<QLListenEventPtr> events;
@@ -47,6 +56,11 @@ inline std::vector<QLListenEventPtr> archivedEvents() {
     events.push_back(entry.event);
   }
   return events;
+}
+
+// A poster as the engine makes it: ten events per post, every 300 s.
+inline std::shared_ptr<QLListenEventPoster> newPoster() {
+  return QLListenEventPoster::create(HttpClient::shared(), 10, 300);
 }
 
 class AnalyticsTest : public ::testing::Test {

@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
-
-#include "analytics/listen_event_serializer.h"
+#include "analytics/analytics_body.h"
 #include "analytics_test_support.h"
 #include "platform/foundation/user_defaults.h"
 #include "sonorell/version.h"
@@ -18,18 +16,14 @@ using content::Trigger;
 using nlohmann::json;
 using testing::AnalyticsServerTest;
 using testing::archivedEvents;
+using testing::Chapters;
+using testing::chapters;
 using testing::makeEvent;
 
 constexpr std::chrono::seconds kWait{20};
 
-std::vector<uint64_t> chapters(const std::vector<QLListenEventPtr>& events) {
-  std::vector<uint64_t> result;
-  for (const auto& event : events) result.push_back(event->chapterNumber());
-  return result;
-}
-
-std::vector<uint64_t> chapters(const json& body) {
-  std::vector<uint64_t> result;
+Chapters chapters(const json& body) {
+  Chapters result;
   for (const json& event : body.at("events")) result.push_back(event.at("chapter_number"));
   return result;
 }
@@ -53,63 +47,51 @@ class ListenEventPosterTest : public AnalyticsServerTest {
     ASSERT_TRUE(poster->waitForNetworking(kWait));
   }
 
-  std::shared_ptr<QLListenEventPoster> poster =
-      QLListenEventPoster::create(HttpClient::shared(), 10, 300);
+  std::shared_ptr<QLListenEventPoster> poster = testing::newPoster();
 };
 
-// --- The size trigger ---
+// --- The size trigger and the request ---
 
-TEST_F(ListenEventPosterTest, TheEleventhSubmitPostsTheWholeQueue) {
-  submit(1, 10);
+TEST_F(ListenEventPosterTest, TheEleventhSubmitPostsTheWholeQueueWithTheHeadersAndTheBody) {
+  submit(1, 9);
+  poster->submitListenEvent(makeEvent(10, 0, 5, "older-key"));
+  ASSERT_TRUE(poster->waitForReadWrite(kWait));
   settle();
   EXPECT_EQ(server.requestCount(Route::kAnalytics), 0u) << "ten events do not post";
-  submit(11, 11);
+  poster->submitListenEvent(makeEvent(11, 5, 9, "newest-key"));
   settle();
   auto sent = posts();
   ASSERT_EQ(sent.size(), 1u);
-  EXPECT_EQ(chapters(bodyOf(sent[0])), (std::vector<uint64_t>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}));
   EXPECT_TRUE(poster->eventQueueForTesting().empty()) << "204 removes what was sent";
   EXPECT_TRUE(archivedEvents().empty());
   EXPECT_EQ(poster->processingRequestCountForTesting(), 0u);
-}
 
-// --- The request ---
-
-TEST_F(ListenEventPosterTest, TheRequestCarriesTheHeadersAndTheBody) {
-  poster->submitListenEvent(makeEvent(1, 0, 5, "older-key"));
-  poster->submitListenEvent(makeEvent(2, 5, 9, "newest-key"));
-  ASSERT_TRUE(poster->waitForReadWrite(kWait));
-  poster->flushListeningEventQueue();
-  settle();
-  auto sent = posts();
-  ASSERT_EQ(sent.size(), 1u);
   const auto& request = sent[0];
   EXPECT_EQ(request.method, "POST");
   EXPECT_EQ(request.path, "/v4/analytics");
   EXPECT_EQ(request.header("Content-Type"), "application/json");
   EXPECT_EQ(request.header("Session-Key"), "newest-key");
-  auto id = request.header("X-Request-Id");
-  ASSERT_TRUE(id);
-  EXPECT_EQ(id->size(), 36u);
-
+  EXPECT_EQ(request.header("X-Request-Id").value_or("").size(), 36u);
   json body = bodyOf(request);
-  ASSERT_TRUE(body.is_object());
-  ASSERT_EQ(body["events"].size(), 2u);
-  EXPECT_EQ(body["events"][1], json::parse(R"({"background_state":"Foreground","chapter_number":2,
-                            "end_position":9,"part_number":0,"path_to_ear":"Wired",
-                            "speed_control":1.0,"start_position":5,
+  EXPECT_EQ(chapters(body), (Chapters{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}));
+  EXPECT_EQ(body["events"][10], json::parse(R"({"background_state":"Foreground",
+                            "chapter_number":11, "end_position":9,"part_number":0,
+                            "path_to_ear":"Wired", "speed_control":1.0,"start_position":5,
                             "timestamp":"2023-11-14T22:13:20+0000",
                             "playlist_token":"token-1"})"));
   auto udid = UserDefaults::standard().stringForKey("uuid");
   ASSERT_TRUE(udid) << "the install identifier is stored on first use";
   EXPECT_EQ(body["udid"], *udid);
   EXPECT_EQ(body["sonorell"], json({{"sdk_version", "6.5.8"}, {"api_version", "v4"}}));
-  EXPECT_FALSE(body["system"]["name"].get<std::string>().empty());
-  EXPECT_FALSE(body["system"]["device"].get<std::string>().empty());
-  EXPECT_FALSE(body["system"]["os_version"].get<std::string>().empty());
+  for (const char* key : {"name", "device", "os_version"}) {
+    EXPECT_FALSE(body["system"][key].get<std::string>().empty()) << key;
+  }
 }
 
-TEST_F(ListenEventPosterTest, AStoredInstallIdentifierIsReused) {
+TEST_F(ListenEventPosterTest, AStoredInstallIdentifierIsReusedAndAnEmptyQueueSendsNothing) {
+  poster->flushListeningEventQueue();
+  settle();
+  EXPECT_EQ(server.requestCount(Route::kAnalytics), 0u);
   UserDefaults::standard().setObject(Value("FIXED-INSTALL-ID"), "uuid");
   submit(1, 1);
   poster->flushListeningEventQueue();
@@ -118,57 +100,30 @@ TEST_F(ListenEventPosterTest, AStoredInstallIdentifierIsReused) {
   EXPECT_EQ(bodyOf(posts()[0])["udid"], "FIXED-INSTALL-ID");
 }
 
-TEST_F(ListenEventPosterTest, AnEmptyQueueSendsNothing) {
-  poster->flushListeningEventQueue();
-  settle();
-  EXPECT_EQ(server.requestCount(Route::kAnalytics), 0u);
-}
-
 // --- Answers ---
 
 TEST_F(ListenEventPosterTest, OnlyA204RemovesEvents) {
-  server.faults().add(Route::kAnalytics, Fault::statusCode(200), Trigger::nth(1));
-  server.faults().add(Route::kAnalytics, Fault::statusCode(500), Trigger::nth(2));
+  // The dropped connection comes first: on a reused connection the transfer would be retried.
+  server.faults().add(Route::kAnalytics, Fault::droppedConnection(), Trigger::nth(1));
+  server.faults().add(Route::kAnalytics, Fault::statusCode(200), Trigger::nth(2));
+  server.faults().add(Route::kAnalytics, Fault::statusCode(500), Trigger::nth(3));
   submit(1, 3);
-  poster->flushListeningEventQueue();
-  settle();
-  EXPECT_EQ(chapters(poster->eventQueueForTesting()), (std::vector<uint64_t>{1, 2, 3}));
-  poster->flushListeningEventQueue();
-  settle();
-  EXPECT_EQ(chapters(poster->eventQueueForTesting()), (std::vector<uint64_t>{1, 2, 3}));
-  EXPECT_EQ(chapters(archivedEvents()), (std::vector<uint64_t>{1, 2, 3}));
-  EXPECT_EQ(poster->processingRequestCountForTesting(), 0u) << "snapshots are dropped";
-
+  for (int failing = 1; failing <= 3; ++failing) {
+    poster->flushListeningEventQueue();
+    settle();
+    EXPECT_EQ(server.requestCount(Route::kAnalytics), static_cast<size_t>(failing));
+    EXPECT_EQ(chapters(poster->eventQueueForTesting()), (Chapters{1, 2, 3}));
+    EXPECT_EQ(chapters(archivedEvents()), (Chapters{1, 2, 3}));
+    EXPECT_EQ(poster->processingRequestCountForTesting(), 0u) << "snapshots are dropped";
+  }
   poster->flushListeningEventQueue();  // the server answers 204 again
   settle();
-  EXPECT_EQ(posts().size(), 3u);
+  EXPECT_EQ(posts().size(), 4u);
   EXPECT_TRUE(poster->eventQueueForTesting().empty());
   EXPECT_TRUE(archivedEvents().empty());
 }
 
-TEST_F(ListenEventPosterTest, ATransportFailureKeepsTheEvents) {
-  submit(1, 2);
-  server.faults().add(Route::kAnalytics, Fault::droppedConnection(), Trigger::nth(1));
-  poster->flushListeningEventQueue();
-  settle();
-  EXPECT_EQ(server.requestCount(Route::kAnalytics), 1u);
-  EXPECT_EQ(chapters(poster->eventQueueForTesting()), (std::vector<uint64_t>{1, 2}));
-}
-
-TEST_F(ListenEventPosterTest, EventsSubmittedWhileARequestIsInFlightStay) {
-  server.faults().add(Route::kAnalytics, slow(204, std::chrono::milliseconds(1500)),
-                      Trigger::nth(1));
-  submit(1, 2);
-  poster->flushListeningEventQueue();
-  ASSERT_TRUE(waitForPosts(1));
-  submit(3, 4);
-  EXPECT_EQ(poster->processingRequestCountForTesting(), 1u) << "the request is still in flight";
-  settle();
-  EXPECT_EQ(chapters(bodyOf(posts()[0])), (std::vector<uint64_t>{1, 2}));
-  EXPECT_EQ(chapters(poster->eventQueueForTesting()), (std::vector<uint64_t>{3, 4}));
-  EXPECT_EQ(chapters(archivedEvents()), (std::vector<uint64_t>{3, 4}));
-}
-
+// Also shows that events submitted while a request is in flight stay queued.
 TEST_F(ListenEventPosterTest, OverlappingFlushesEachRemoveOnlyTheirOwnSnapshot) {
   // The first request is answered 200 late; the second 204, also late.
   server.faults().add(Route::kAnalytics, slow(200, std::chrono::milliseconds(2500)),
@@ -187,10 +142,10 @@ TEST_F(ListenEventPosterTest, OverlappingFlushesEachRemoveOnlyTheirOwnSnapshot) 
 
   auto sent = posts();
   ASSERT_EQ(sent.size(), 2u);
-  EXPECT_EQ(chapters(bodyOf(sent[0])), (std::vector<uint64_t>{1, 2}));
-  EXPECT_EQ(chapters(bodyOf(sent[1])), (std::vector<uint64_t>{1, 2, 3}));
-  EXPECT_EQ(chapters(poster->eventQueueForTesting()), (std::vector<uint64_t>{4}));
-  EXPECT_EQ(chapters(archivedEvents()), (std::vector<uint64_t>{4}));
+  EXPECT_EQ(chapters(bodyOf(sent[0])), (Chapters{1, 2}));
+  EXPECT_EQ(chapters(bodyOf(sent[1])), (Chapters{1, 2, 3}));
+  EXPECT_EQ(chapters(poster->eventQueueForTesting()), (Chapters{4}));
+  EXPECT_EQ(chapters(archivedEvents()), (Chapters{4}));
 }
 
 TEST_F(ListenEventPosterTest, A204RemovesEveryPlaceOfASentObject) {
@@ -205,54 +160,48 @@ TEST_F(ListenEventPosterTest, A204RemovesEveryPlaceOfASentObject) {
   poster->submitListenEvent(reused);
   submit(8, 8);
   settle();
-  EXPECT_EQ(chapters(poster->eventQueueForTesting()), (std::vector<uint64_t>{8}));
+  EXPECT_EQ(chapters(poster->eventQueueForTesting()), (Chapters{8}));
 }
 
 // --- Restarts and the timer ---
 
-TEST_F(ListenEventPosterTest, ARestartedPosterSendsWhatTheArchiveHeld) {
-  submit(1, 3);
+TEST_F(ListenEventPosterTest, ARestartedPosterSendsWhatTheArchiveHeldWithAnObjectQueuedTwiceOnce) {
+  auto event = makeEvent(7, 10, 20);
+  poster->submitListenEvent(event);
+  submit(8, 8);
+  event->setFinalOffset(25);
+  poster->submitListenEvent(event);
+  ASSERT_TRUE(poster->waitForReadWrite(kWait));
   poster.reset();
   EXPECT_EQ(server.requestCount(Route::kAnalytics), 0u);
 
-  poster = QLListenEventPoster::create(HttpClient::shared(), 10, 300);
-  EXPECT_EQ(chapters(poster->eventQueueForTesting()), (std::vector<uint64_t>{1, 2, 3}));
+  poster = testing::newPoster();
+  auto queue = poster->eventQueueForTesting();
+  ASSERT_EQ(chapters(queue), (Chapters{7, 8, 7}));
+  EXPECT_EQ(queue[0], queue[2]) << "one object, queued twice";
+  EXPECT_EQ(queue[0]->finalOffset(), 25u);
+  EXPECT_EQ(queue[0]->sessionKey(), "session-1");
   poster->flushListeningEventQueue();
   settle();
   ASSERT_EQ(posts().size(), 1u);
-  EXPECT_EQ(chapters(bodyOf(posts()[0])), (std::vector<uint64_t>{1, 2, 3}));
+  EXPECT_EQ(chapters(bodyOf(posts()[0])), (Chapters{7, 8, 7}));
   EXPECT_TRUE(archivedEvents().empty());
 }
 
 TEST_F(ListenEventPosterTest, TheTimerPostsExactlyWhatTheArchiveHeld) {
-  auto first = makeEvent(1, 0, 5, "session-1");
-  first->setTimestamp(clock->wallNow());
-  poster->submitListenEvent(first);
   auto slowReader = makeEvent(2, 7, 60, "session-2");
   slowReader->setPlaybackRate(1.25f);
-  slowReader->setTimestamp(clock->wallNow());
-  poster->submitListenEvent(slowReader);
+  for (const auto& event : {makeEvent(1, 0, 5, "session-1"), slowReader}) {
+    event->setTimestamp(clock->wallNow());
+    poster->submitListenEvent(event);
+  }
   ASSERT_TRUE(poster->waitForReadWrite(kWait));
 
   clock->advance(std::chrono::seconds(299));
   settle();
   EXPECT_EQ(server.requestCount(Route::kAnalytics), 0u) << "one second early";
-
   // What the archive holds is what a restart would send: compare against it.
-  json expected = json::array();
-  for (const auto& event : archivedEvents()) {
-    json object;
-    for (const auto& [key, value] : QLListenEventSerializer::serializeListeningEvent(*event)) {
-      if (auto text = value.asString()) {
-        object[key] = *text;
-      } else if (value.is<double>()) {
-        object[key] = *value.asDouble();
-      } else {
-        object[key] = *value.asUInt();
-      }
-    }
-    expected.push_back(object);
-  }
+  json expected = json::parse(analyticsBody(archivedEvents()))["events"];
   ASSERT_EQ(expected.size(), 2u);
 
   clock->advance(std::chrono::seconds(1));
@@ -263,6 +212,7 @@ TEST_F(ListenEventPosterTest, TheTimerPostsExactlyWhatTheArchiveHeld) {
   EXPECT_EQ(sent[0].header("Session-Key"), "session-2");
   // The live event keeps its 1.25; the archived copy reads 1. Everything else is equal.
   ASSERT_EQ(body["events"].size(), 2u);
+  EXPECT_EQ(body["events"][1]["speed_control"], 1.25);
   body["events"][1]["speed_control"] = 1.0;
   EXPECT_EQ(body["events"], expected);
   EXPECT_TRUE(poster->eventQueueForTesting().empty());

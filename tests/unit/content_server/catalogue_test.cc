@@ -51,6 +51,10 @@ std::int64_t decodedMs(const std::filesystem::path& file) {
 }
 
 TEST(CatalogueRendering, TwoDataDirectoriesGetByteIdenticalChapters) {
+  // By default the data lives under the temp directory, keyed by the catalogue's version.
+  EXPECT_EQ(defaultDataDir().filename(), Catalogue::version());
+  EXPECT_EQ(defaultDataDir().parent_path().parent_path(), std::filesystem::temp_directory_path());
+
   const auto first = freshDir("a");
   const auto second = freshDir("b");
   CatalogueLoadStats firstStats, secondStats, againStats;
@@ -84,7 +88,17 @@ TEST(CatalogueRendering, TwoDataDirectoriesGetByteIdenticalChapters) {
 
 class CatalogueAudioTest : public ServerTest {};
 
-TEST_F(CatalogueAudioTest, DownloadedChaptersDecodeToTheirStatedDurations) {
+TEST_F(CatalogueAudioTest, ChaptersAreCbrMp3At64kbitThatDecodesToTheStatedDurations) {
+  const Chapter& first = book(kFourChapterBookID).chapters[0];
+  const unsigned char* b = reinterpret_cast<const unsigned char*>(first.bytes->data());
+  // MPEG-1 Layer III frame sync, then bitrate index 5 (64 kbit/s) and 44.1 kHz.
+  EXPECT_EQ(b[0], 0xFF);
+  EXPECT_EQ(b[1] & 0xFE, 0xFA);
+  EXPECT_EQ(b[2] >> 4, 5);
+  EXPECT_EQ((b[2] >> 2) & 3, 0);
+  // At 8000 bytes a second the size follows the duration.
+  EXPECT_NEAR(static_cast<double>(first.size), first.durationMs * 8.0, 8000 * 0.05);
+
   constexpr std::int64_t kFrameMs = 27;  // 1152 samples at 44.1 kHz, rounded up
   const auto dir = freshDir("decode");
   std::filesystem::create_directories(dir);
@@ -99,24 +113,6 @@ TEST_F(CatalogueAudioTest, DownloadedChaptersDecodeToTheirStatedDurations) {
     EXPECT_LE(std::llabs(ms - static_cast<std::int64_t>(c.durationMs)), kFrameMs) << c.audioPath;
   }
   std::filesystem::remove_all(dir);
-}
-
-TEST_F(CatalogueAudioTest, ChaptersAreCbrMp3At64kbit) {
-  const Chapter& c = book(kFourChapterBookID).chapters[0];
-  const unsigned char* b = reinterpret_cast<const unsigned char*>(c.bytes->data());
-  // MPEG-1 Layer III frame sync, then bitrate index 5 (64 kbit/s) and 44.1 kHz.
-  EXPECT_EQ(b[0], 0xFF);
-  EXPECT_EQ(b[1] & 0xFE, 0xFA);
-  EXPECT_EQ(b[2] >> 4, 5);
-  EXPECT_EQ((b[2] >> 2) & 3, 0);
-  // At 8000 bytes a second the size follows the duration.
-  EXPECT_NEAR(static_cast<double>(c.size), c.durationMs * 8.0, 8000 * 0.05);
-}
-
-TEST(CatalogueDataDir, DefaultIsUnderTheTempDirectoryKeyedByCatalogueVersion) {
-  const auto dir = defaultDataDir();
-  EXPECT_EQ(dir.filename(), Catalogue::version());
-  EXPECT_EQ(dir.parent_path().parent_path(), std::filesystem::temp_directory_path());
 }
 
 }  // namespace

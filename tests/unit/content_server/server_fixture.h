@@ -29,6 +29,12 @@ class ServerTest : public ::testing::Test {
     r.headers = std::move(headers);
     return fetch(r);
   }
+  HttpResult post(std::string_view path, std::vector<std::string> headers, std::string body) const {
+    HttpRequest r = request(path, "POST");
+    r.headers = std::move(headers);
+    r.body = std::move(body);
+    return fetch(r);
+  }
   const Book& book(std::string_view id) const {
     const Book* b = server_.catalogue().book(id);
     EXPECT_NE(b, nullptr) << id;

@@ -17,38 +17,28 @@ TEST(ErrorDescriptions, CodesOutsideATableGetThatLayersUnknownText) {
               QSODownloadFailureUnknownDescription)
         << code;
   }
-  for (int64_t code : {0, 45, 10000, 20010, 22006, 27000, -1}) {
+  for (int64_t code : {0, 45, 10000, 20007, 20010, 22006, 27000, -1}) {
     EXPECT_EQ(QSOPlaybackEngine::descriptionForErrorCode(code),
               QSOPlaybackFailureUnknownDescription)
         << code;
   }
-  EXPECT_EQ(QSOPlaybackEngine::descriptionForErrorCode(20007),
-            QSOPlaybackFailureUnknownDescription);
-}
-
-TEST(ErrorDescriptions, SessionKeyTextIsSharedAndIncompleteFileTextEndsInABlank) {
+  // The session key text is shared; the incomplete file text ends in a blank.
   EXPECT_EQ(QSODownloadEngine::descriptionForErrorCode(12000),
             QSODownloadEngine::descriptionForErrorCode(13000));
   EXPECT_EQ(QSODownloadEngine::descriptionForErrorCode(15002).back(), ' ');
 }
 
-TEST(ErrorTransformer, CodesAlreadyInALayerPassUnchanged) {
+TEST(ErrorTransformer, LayerCodesPassPlaylistAndFetchTablesDifferAndAPIDocumentsMap) {
   auto transformer = QSOErrorTransformer::sharedTransformer();
   for (int64_t code : {11008, 12345, 20006, 0, 71, -999}) {
     EXPECT_EQ(transformer->transformErrorToDownloadFailure(code), code);
     EXPECT_EQ(transformer->transformErrorToPlaybackFailure(code), code);
   }
-}
-
-TEST(ErrorTransformer, PlaylistAndFetchTablesAreSeparate) {
-  auto transformer = QSOErrorTransformer::sharedTransformer();
   EXPECT_EQ(transformer->transformPlaylistErrorToDownloadEngineError(45), 45);
   EXPECT_EQ(transformer->transformAPIFetchErrorToDownloadEngineError(40), 40);
   EXPECT_EQ(transformer->transformPlaylistErrorToPlaybackEngineError(20), 20006);
   EXPECT_EQ(transformer->transformAPIFetchErrorToPlaybackEngineError(60), 20002);
-}
-
-TEST(APIErrorDocument, UnauthorizedNumbersBecome11008AndOthers10001) {
+  // API error documents: unauthorized numbers become 11008, others 10001.
   EXPECT_EQ(QSOErrorTransformer::codeForAPIErrorNumber(4011), 11008);
   EXPECT_EQ(QSOErrorTransformer::codeForAPIErrorNumber(4012), 11008);
   EXPECT_EQ(QSOErrorTransformer::codeForAPIErrorNumber(4013), 10001);

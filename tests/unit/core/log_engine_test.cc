@@ -38,14 +38,17 @@ class LogEngineTest : public ::testing::Test {
 TEST_F(LogEngineTest, LinesBeginWithTheVersionInBrackets) {
   LogEngineInfo("[DownloadEngine] -(void)pauseAll");
   LogEngineError("[AudioTask] chapter %@ part %lu took %.1f s", "12345_0_3", 7ul, 2.25);
+  LogEngineInfo("100% done %@ %d");  // without arguments the format is logged as it is
   auto lines = listener->lines();
-  ASSERT_EQ(lines.size(), 2u);
+  ASSERT_EQ(lines.size(), 3u);
   EXPECT_EQ(lines[0].second, "[6.5.8] [DownloadEngine] -(void)pauseAll");
   EXPECT_EQ(lines[1].second, "[6.5.8] [AudioTask] chapter 12345_0_3 part 7 took 2.2 s");
+  EXPECT_EQ(lines[2].second, "[6.5.8] 100% done %@ %d");
   EXPECT_EQ(prepareFormat("x"), "[6.5.8] x");
 }
 
 TEST_F(LogEngineTest, EveryLevelReachesTheListenerWhateverTheLogLevel) {
+  EXPECT_EQ(QSOLogEngine::currentLogLevel(), 1u);
   for (uint64_t level : {0ull, 1ull, 4ull, ~0ull}) {
     QSOLogEngine::setLogLevel(level);
     LogEngineError("e");
@@ -61,27 +64,8 @@ TEST_F(LogEngineTest, EveryLevelReachesTheListenerWhateverTheLogLevel) {
     EXPECT_EQ(lines[i + 2].first, "info");
     EXPECT_EQ(lines[i + 3].first, "verbose");
   }
-}
-
-TEST_F(LogEngineTest, LevelIsStoredWideAndReadBackNarrow) {
-  EXPECT_EQ(QSOLogEngine::currentLogLevel(), 1u);
-  QSOLogEngine::setLogLevel((1ull << 32) + 2);
+  QSOLogEngine::setLogLevel((1ull << 32) + 2);  // stored wide, read back narrow
   EXPECT_EQ(QSOLogEngine::currentLogLevel(), 2u);
-}
-
-TEST_F(LogEngineTest, AFormatWithoutArgumentsIsLoggedAsItIs) {
-  LogEngineInfo("100% done %@ %d");
-  EXPECT_EQ(listener->lines().at(0).second, "[6.5.8] 100% done %@ %d");
-}
-
-TEST_F(LogEngineTest, RemovingTheListenerStopsTheCallsAtOnce) {
-  LogEngineInfo("before");
-  QSOLogEngine::setListener(nullptr);
-  LogEngineInfo("after");
-  LogEngineVerbose("after");
-  auto lines = listener->lines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].second, "[6.5.8] before");
 }
 
 TEST_F(LogEngineTest, PlatformLinesReachTheListenerWithTheVersion) {
@@ -160,11 +144,14 @@ TEST_F(LogEngineTest, AListenerMayRemoveItselfFromItsCallback) {
   EXPECT_EQ(QSOLogEngine::listener(), nullptr);
 }
 
-TEST_F(LogEngineTest, WithoutAListenerLinesStillReachTheLogWhenItsTypeIsEnabled) {
+TEST_F(LogEngineTest, WithoutAListenerLinesGoOnlyToTheLogAndOnlyWhenItsTypeIsEnabled) {
+  LogEngineInfo("before");
   QSOLogEngine::setListener(nullptr);
   auto enabled = std::make_shared<CountingLog>(true);
   QSOLogEngine::setLogger(enabled);
   LogEngineWarning("[X] %@", "warned");
+  ASSERT_EQ(listener->lines().size(), 1u) << "removing the listener stops the calls at once";
+  EXPECT_EQ(listener->lines()[0].second, "[6.5.8] before");
   ASSERT_EQ(enabled->emitted.size(), 1u);
   EXPECT_EQ(enabled->emitted[0].first, LogType::Default);
   EXPECT_EQ(enabled->emitted[0].second, "[6.5.8] [X] warned");

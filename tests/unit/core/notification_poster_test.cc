@@ -40,24 +40,17 @@ TEST(NotificationPosting, PostsFromTwoThreadsArriveInPostingOrder) {
   for (int i = 0; i < 2 * kRounds; ++i) EXPECT_EQ(received[i].name, "n" + std::to_string(i));
 }
 
-TEST(NotificationPosting, AfterDisableDispatchDeliveryHappensBeforePostReturns) {
+TEST(NotificationPosting, AfterDisableDispatchThePosterDeliversBeforePostReturnsAsTheSender) {
   auto poster = QSONotificationPoster::sharedPoster();
   poster->disableDispatch();
   std::thread::id deliveredOn;
-  auto token = NotificationCenter::defaultCenter().addObserver(
-      "sync", [&](const Notification&) { deliveredOn = std::this_thread::get_id(); });
+  const void* sender = nullptr;
+  auto token = NotificationCenter::defaultCenter().addObserver("sync", [&](const Notification& n) {
+    deliveredOn = std::this_thread::get_id();
+    sender = n.object.get();
+  });
   poster->postNotificationWithName("sync", Dictionary{{"k", Value(1)}});
   EXPECT_EQ(deliveredOn, std::this_thread::get_id());
-  NotificationCenter::defaultCenter().removeObserver(token);
-}
-
-TEST(NotificationPosting, ThePosterIsTheSender) {
-  auto poster = QSONotificationPoster::sharedPoster();
-  poster->disableDispatch();
-  const void* sender = nullptr;
-  auto token = NotificationCenter::defaultCenter().addObserver(
-      "who", [&](const Notification& n) { sender = n.object.get(); });
-  poster->postNotificationWithName("who");
   EXPECT_EQ(sender, poster.get());
   NotificationCenter::defaultCenter().removeObserver(token);
 }
@@ -67,16 +60,7 @@ ErrorPtr sonorellErrorIn(const Dictionary& dict) {
   return it == dict.end() ? nullptr : it->second.asError();
 }
 
-TEST(FailureDictionaries, ACodeWithoutADescriptionAddsNoError) {
-  auto dict = QSONotificationPoster::prepareDictionaryWithAudiobookIdentifier("123", std::nullopt,
-                                                                              11008, nullptr);
-  EXPECT_EQ(dict, (Dictionary{{"audiobookID", Value("123")}}));
-  EXPECT_TRUE(QSONotificationPoster::prepareDictionaryWithChapterDescription(
-                  std::nullopt, std::nullopt, 5, nullptr)
-                  .empty());
-}
-
-TEST(FailureDictionaries, AnUnderlyingErrorSitsBesideTheDescription) {
+TEST(FailureDictionaries, NameTheirSubjectWithAnErrorOnlyForADescriptionAndItsUnderlyingError) {
   auto underlying = Error::make(std::string(kURLLoadingErrorDomain), -1001, "timed out", nullptr);
   QSOChapterDescription chapter("123", 0, 4);
   auto dict = QSONotificationPoster::prepareDictionaryWithChapterDescription(
@@ -94,21 +78,26 @@ TEST(FailureDictionaries, AnUnderlyingErrorSitsBesideTheDescription) {
   auto alone = sonorellErrorIn(QSONotificationPoster::prepareDictionaryWithChapterDescription(
       chapter, std::string("broken"), 15000, nullptr));
   EXPECT_EQ(alone->userInfo.size(), 1u);
-}
 
-TEST(FailureDictionaries, ByRequestCarriesRequestAndAudiobookIdentifiers) {
   QSODownloadRequest request("RID", "555", 0, "key", "license", false);
-  auto dict = QSONotificationPoster::prepareDictionaryWithDownloadRequest(&request, std::nullopt, 0,
-                                                                          nullptr);
-  EXPECT_EQ(dict, (Dictionary{{"DownloadRequestID", Value("RID")}, {"audiobookID", Value("555")}}));
-
+  EXPECT_EQ(QSONotificationPoster::prepareDictionaryWithDownloadRequest(&request, std::nullopt, 0,
+                                                                        nullptr),
+            (Dictionary{{"DownloadRequestID", Value("RID")}, {"audiobookID", Value("555")}}));
   auto withChapter = QSONotificationPoster::prepareDictionaryWithChapterDescription(
       QSOChapterDescription("555", 1, 2), &request, std::nullopt, 0, nullptr);
   EXPECT_EQ(withChapter.count("DownloadRequestID"), 1u);
   EXPECT_EQ(withChapter.count("audiobookID"), 0u);
+
+  // Without a description no error is added, whatever the code.
+  EXPECT_EQ(QSONotificationPoster::prepareDictionaryWithAudiobookIdentifier("123", std::nullopt,
+                                                                            11008, nullptr),
+            (Dictionary{{"audiobookID", Value("123")}}));
+  EXPECT_TRUE(QSONotificationPoster::prepareDictionaryWithChapterDescription(
+                  std::nullopt, std::nullopt, 5, nullptr)
+                  .empty());
 }
 
-TEST(FailureDictionaries, DownloadTransformUnwrapsOurOwnErrorAndDescribesTheMappedCode) {
+TEST(FailureDictionaries, TransformsUnwrapOurOwnErrorAndDescribeTheMappedCode) {
   auto transport = Error::make(std::string(kURLLoadingErrorDomain), -1009, "offline", nullptr);
   auto playlistError =
       Error::make(std::string(QSOErrorDomain), 40,
@@ -129,16 +118,14 @@ TEST(FailureDictionaries, DownloadTransformUnwrapsOurOwnErrorAndDescribesTheMapp
   EXPECT_EQ(sonorellErrorIn(chapterDict)->code, 11004);
   EXPECT_EQ(chapterDict.count("ChapterDescription"), 1u);
   EXPECT_EQ(chapterDict.count("audiobookID"), 0u);
-}
 
-TEST(FailureDictionaries, ForeignUnderlyingErrorsKeepTheGivenCode) {
-  auto transport = Error::make(std::string(kURLLoadingErrorDomain), -1001, "slow", nullptr);
-  auto dict = QSONotificationPoster::transformPlaybackDictErrorWithChapterDescription(
-      QSOChapterDescription("1", 0, 0), std::nullopt, 20, transport);
-  auto error = sonorellErrorIn(dict);
+  // A foreign underlying error keeps the given code, mapped for playback.
+  auto timeout = Error::make(std::string(kURLLoadingErrorDomain), -1001, "slow", nullptr);
+  error = sonorellErrorIn(QSONotificationPoster::transformPlaybackDictErrorWithChapterDescription(
+      QSOChapterDescription("1", 0, 0), std::nullopt, 20, timeout));
   EXPECT_EQ(error->code, 20006);
   EXPECT_EQ(error->localizedDescription(), "The licenseID is invalid.");
-  EXPECT_EQ(error->underlyingError(), transport);
+  EXPECT_EQ(error->underlyingError(), timeout);
 }
 
 }  // namespace

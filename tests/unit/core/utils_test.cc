@@ -1,6 +1,7 @@
 // Identifiers, parameter checks and the main-thread helpers.
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <set>
 #include <thread>
 
@@ -12,22 +13,11 @@ namespace {
 
 TEST(Utils, UUIDsAreUpperCaseCanonicalAndDistinct) {
   // 8-4-4-4-12 upper-case hex, version 4, variant 10xx.
-  auto canonical = [](const std::string& u) {
-    if (u.size() != 36 || u[14] != '4' || std::string("89AB").find(u[19]) == std::string::npos) {
-      return false;
-    }
-    for (size_t i = 0; i < u.size(); ++i) {
-      bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-      if (dash ? u[i] != '-' : std::string("0123456789ABCDEF").find(u[i]) == std::string::npos) {
-        return false;
-      }
-    }
-    return true;
-  };
+  const std::regex canonical("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
   std::set<std::string> seen;
   for (int i = 0; i < 100; ++i) {
     std::string uuid = QSOUtils::generateUUID();
-    EXPECT_TRUE(canonical(uuid)) << uuid;
+    EXPECT_TRUE(std::regex_match(uuid, canonical)) << uuid;
     seen.insert(uuid);
   }
   EXPECT_EQ(seen.size(), 100u);
@@ -40,25 +30,21 @@ TEST(Utils, StringParameterMustBePresentAndNotEmpty) {
   EXPECT_FALSE(QSOUtils::validateStringParam(static_cast<const std::string*>(nullptr)));
 }
 
-TEST(MainThread, SyncFromAnotherThreadRunsOnTheMainThread) {
+TEST(MainThread, SyncRunsOnTheMainThreadAndOnItBothFormsRunInline) {
   bool onMain = false;
   std::thread([&] {
     QSORunOnMainThreadSync([&] { onMain = DispatchQueue::isMainThread(); });
   }).join();
   EXPECT_TRUE(onMain);
   EXPECT_FALSE(DispatchQueue::isMainThread());
-}
 
-TEST(MainThread, OnTheMainThreadBothFormsRunInline) {
   bool asyncRanInline = false;
   bool syncRanInline = false;
   DispatchQueue::main()->sync([&] {
     bool ran = false;
     QSORunOnMainThreadAsync([&] { ran = true; });
     asyncRanInline = ran;
-    ran = false;
-    QSORunOnMainThreadSync([&] { ran = true; });  // would deadlock if it queued
-    syncRanInline = ran;
+    QSORunOnMainThreadSync([&] { syncRanInline = true; });  // would deadlock if it queued
   });
   EXPECT_TRUE(asyncRanInline);
   EXPECT_TRUE(syncRanInline);

@@ -53,25 +53,20 @@ TEST_F(DownloadRequests, CoverageFromTheThirdOfFiveChapters) {
 }
 
 TEST_F(DownloadRequests, TheDefaultStartIsTheFirstChapterButHalfADefaultMatchesNothing) {
-  using V = std::vector<uint64_t>;
   QSODownloadRequest whole("book", DownloadTypeFullAudiobook, "k", "l", false);
-  EXPECT_EQ(chapters(whole), (V{1, 2, 3, 4, 5}));
+  EXPECT_EQ(chapters(whole), (std::vector<uint64_t>{1, 2, 3, 4, 5}));
   EXPECT_NE(whole.description().find("partNumber: 18446744073709551615 chapterNumber: "
                                      "18446744073709551615"),
             std::string::npos);
   EXPECT_TRUE(
       chapters({"book", QSODownloadRequestDefaultPart, 3, DownloadTypeToEnd, "k", "l", false})
           .empty());
-}
-
-TEST_F(DownloadRequests, DescriptionListsEveryFieldWithTheIdentifierLast) {
-  QSODownloadRequest request("RID", "book", 0, 3, 1, "key", "lic", true);
-  EXPECT_EQ(request.description(),
+  EXPECT_EQ(QSODownloadRequest("RID", "book", 0, 3, 1, "key", "lic", true).description(),
             "(QSODownloadRequest) audiobookID: book partNumber: 0 chapterNumber: 3 downloadType: "
             "1 sessionKey: key licenseID: lic restrictToWiFi: YES requestID: RID");
 }
 
-TEST_F(DownloadRequests, EachInvalidFieldFailsWithItsLine) {
+TEST_F(DownloadRequests, EachInvalidFieldAndARequestStartedTwiceFailWithTheirLines) {
   QSODownloadRequestValidator validator;
   EXPECT_FALSE(validator.validateRequest({"", 0, "k", "l", false}));
   EXPECT_FALSE(validator.validateRequest({"book", 0, "", "l", false}));
@@ -82,15 +77,10 @@ TEST_F(DownloadRequests, EachInvalidFieldFailsWithItsLine) {
   EXPECT_EQ(listener->count("[DownloadEngine] Request validation failed. LicenseId: "), 1u);
   EXPECT_EQ(listener->count("[DownloadEngine] Request validation failed. Download Type: 3"), 1u);
   EXPECT_TRUE(validator.currentRequests().empty());
-  EXPECT_TRUE(validator.validateRequest({"book", 0, " ", " ", false})) << "blanks are valid";
-}
 
-TEST_F(DownloadRequests, ARequestStartedTwiceFailsWithTheReuseLine) {
-  QSODownloadRequestValidator validator;
-  QSODownloadRequest request("RID-1", "book", 0, 1, 0, "k", "l", false);
-  EXPECT_TRUE(validator.validateRequest(request));
-  QSODownloadRequest rebuilt("RID-1", "book", 0, 1, 0, "k", "l", false);
-  EXPECT_FALSE(validator.validateRequest(rebuilt));
+  EXPECT_TRUE(validator.validateRequest({"RID-1", "book", 0, 1, 0, " ", " ", false}))
+      << "blanks are valid";
+  EXPECT_FALSE(validator.validateRequest({"RID-1", "book", 0, 1, 0, "k", "l", false}));
   EXPECT_EQ(listener->count("[DownloadEngine] Request validation failed. Reuse of RID-1"), 1u);
   EXPECT_EQ(validator.currentRequests().size(), 1u);
 }

@@ -64,66 +64,61 @@ class DownloadProgress : public ::testing::Test {
 
 // --- Weighting chapters against the audiobook -------------------------------------------------
 
-TEST_F(DownloadProgress, LastChapterTakesTheShortfallSoACompleteBookReachesExactlyOne) {
-  // The chapters hold 768 of the audiobook's 1024 bytes; the last one is weighted 256 + 256.
-  saveBook("short", 1024, {{0, 1, 0, 256}, {0, 2, 0, 256}, {0, 3, 0, 256}});
+TEST_F(DownloadProgress, TheLastStoredRecordTakesTheShortfallSoACompleteBookReachesExactlyOne) {
+  // The chapters hold 768 of the audiobook's 1024 bytes. Stored as chapter 3, 1, 2: chapter 2,
+  // the last record whatever its number, is weighted 256 + 256.
+  saveBook("short", 1024, {{0, 3, 0, 256}, {0, 1, 0, 256}, {0, 2, 0, 256}});
   auto root = manager()->createProgressForAudiobookID("short");
   ASSERT_NE(root, nullptr);
   EXPECT_EQ(root->work(), QSOProgress::Work(0, 1024));
   EXPECT_EQ(chapterNode("short", 0, 1)->workRatio(), QSOProgress::WorkRatio(256, 1024));
-  EXPECT_EQ(chapterNode("short", 0, 3)->workRatio(), QSOProgress::WorkRatio(512, 1024));
+  EXPECT_EQ(chapterNode("short", 0, 2)->workRatio(), QSOProgress::WorkRatio(512, 1024));
+  ASSERT_EQ(root->children().size(), 3u);
+  EXPECT_EQ(root->children()[2], chapterNode("short", 0, 2));
   EXPECT_EQ(root->fractionCompleted(), 0.0);
 
   chapterNode("short", 0, 1)->setCompletedUnitCount(256);
   EXPECT_EQ(root->fractionCompleted(), 0.25);
-  chapterNode("short", 0, 3)->setCompletedUnitCount(128);  // half of the heavy chapter
+  chapterNode("short", 0, 2)->setCompletedUnitCount(128);  // half of the heavy chapter
   EXPECT_EQ(root->fractionCompleted(), 0.5);
-  chapterNode("short", 0, 2)->setCompletedUnitCount(256);
   chapterNode("short", 0, 3)->setCompletedUnitCount(256);
+  chapterNode("short", 0, 2)->setCompletedUnitCount(256);
   EXPECT_EQ(root->fractionCompleted(), 1.0);
 }
 
-TEST_F(DownloadProgress, LastChapterGivesBackTheExcessWhenChaptersExceedTheBook) {
+TEST_F(DownloadProgress, TheLastChapterGivesBackAnExcessButNeverGoesBelowNoWeight) {
   // 1280 bytes of chapters for a 1024-byte book: the last one is weighted 512 - 256.
   saveBook("long", 1024, {{0, 1, 0, 512}, {0, 2, 0, 256}, {0, 3, 0, 512}});
   auto root = manager()->createProgressForAudiobookID("long");
   EXPECT_EQ(chapterNode("long", 0, 3)->workRatio(), QSOProgress::WorkRatio(256, 1024));
-
   chapterNode("long", 0, 3)->setCompletedUnitCount(512);
   EXPECT_EQ(root->fractionCompleted(), 0.25);
   chapterNode("long", 0, 1)->setCompletedUnitCount(512);
   chapterNode("long", 0, 2)->setCompletedUnitCount(256);
   EXPECT_EQ(root->fractionCompleted(), 1.0);
-}
 
-TEST_F(DownloadProgress, AnExcessBeyondTheLastChapterLeavesItNoWeightRatherThanAHugeOne) {
-  // The first chapter alone is twice the book: the last chapter's weight would be negative.
+  // The first chapter alone is twice the book: the last one gets no weight, not a huge one.
   saveBook("over", 1024, {{0, 1, 0, 2048}, {0, 2, 0, 512}});
-  auto root = manager()->createProgressForAudiobookID("over");
+  root = manager()->createProgressForAudiobookID("over");
   EXPECT_EQ(chapterNode("over", 0, 2)->workRatio(), QSOProgress::WorkRatio(0, 1024));
-
   chapterNode("over", 0, 2)->setCompletedUnitCount(512);
   EXPECT_EQ(root->fractionCompleted(), 0.0);
   chapterNode("over", 0, 1)->setCompletedUnitCount(1024);
   EXPECT_EQ(root->fractionCompleted(), 1.0);
 }
 
-TEST_F(DownloadProgress, TheLastStoredRecordAbsorbsTheDifferenceWhateverItsNumber) {
-  // Stored as chapter 3, 1, 2: chapter 2 is the last record.
-  saveBook("order", 1000, {{0, 3, 0, 300}, {0, 1, 0, 300}, {0, 2, 0, 300}});
-  auto root = manager()->createProgressForAudiobookID("order");
-  EXPECT_EQ(chapterNode("order", 0, 2)->workRatio(), QSOProgress::WorkRatio(400, 1000));
-  EXPECT_EQ(chapterNode("order", 0, 3)->workRatio(), QSOProgress::WorkRatio(300, 1000));
-  auto children = root->children();
-  ASSERT_EQ(children.size(), 3u);
-  EXPECT_EQ(children[2], chapterNode("order", 0, 2));
-}
-
-TEST_F(DownloadProgress, BytesAlreadyRecordedCountFromTheStart) {
+TEST_F(DownloadProgress, RecordedBytesCountFromTheStartAndAnOverrunGoesAboveOne) {
   saveBook("resume", 2048, {{1, 1, 1024, 1024}, {1, 2, 512, 1024}});
   auto root = manager()->createProgressForAudiobookID("resume");
-  EXPECT_EQ(chapterNode("resume", 1, 2)->work(), QSOProgress::Work(512, 1024));
+  auto second = chapterNode("resume", 1, 2);
+  EXPECT_EQ(second->work(), QSOProgress::Work(512, 1024));
   EXPECT_EQ(root->fractionCompleted(), 0.75);
+  second->setCompletedUnitCount(1536);
+  EXPECT_DOUBLE_EQ(second->fractionCompleted(), 1.5);
+  EXPECT_DOUBLE_EQ(root->fractionCompleted(), 1.25);
+  // The transfer reports its real size: total = completed brings it back to a whole chapter.
+  second->setTotalUnitCount(1536);
+  EXPECT_DOUBLE_EQ(root->fractionCompleted(), 1.0);
 }
 
 TEST_F(DownloadProgress, AChapterWithTotalZeroContributesNothing) {
@@ -142,19 +137,7 @@ TEST_F(DownloadProgress, AChapterWithTotalZeroContributesNothing) {
   EXPECT_EQ(root->fractionCompleted(), 0.25);
 }
 
-TEST_F(DownloadProgress, MoreBytesThanExpectedGoAboveOneForTheChapterAndItsShare) {
-  saveBook("overrun", 1000, {{0, 1, 0, 500}, {0, 2, 0, 500}});
-  auto root = manager()->createProgressForAudiobookID("overrun");
-  auto first = chapterNode("overrun", 0, 1);
-  first->setCompletedUnitCount(750);
-  EXPECT_DOUBLE_EQ(first->fractionCompleted(), 1.5);
-  EXPECT_DOUBLE_EQ(root->fractionCompleted(), 0.75);
-  // The transfer reports its real size: total = completed brings it back to a whole chapter.
-  first->setTotalUnitCount(750);
-  EXPECT_DOUBLE_EQ(root->fractionCompleted(), 0.5);
-}
-
-TEST_F(DownloadProgress, ARootWithoutChaptersCountsOnlyItsOwnWork) {
+TEST_F(DownloadProgress, WithoutChaptersOrWithoutABookRecordOnlyTheRootsOwnWorkCounts) {
   saveBook("bare", 1000, {});
   auto root = manager()->createProgressForAudiobookID("bare");
   ASSERT_NE(root, nullptr);
@@ -164,13 +147,10 @@ TEST_F(DownloadProgress, ARootWithoutChaptersCountsOnlyItsOwnWork) {
   EXPECT_EQ(listener->count("Create progress for bare with 0 children, (QSOProgress)"), 1u);
   root->setCompletedUnitCount(250);
   EXPECT_EQ(root->fractionCompleted(), 0.25);
-}
 
-TEST_F(DownloadProgress, AnAudiobookWithoutAStatusRecordGivesItsChaptersNoWeight) {
-  std::vector<QSOChapterStatusPtr> chapters{std::make_shared<QSOChapterStatus>(
-      QSOChapterDescription("unknown", 0, 1), 0, 100, 100, "tok")};
-  ASSERT_TRUE(QSOChapterStatus::saveToDatabase(chapters));
-  auto root = manager()->createProgressForAudiobookID("unknown");
+  ASSERT_TRUE(QSOChapterStatus::saveToDatabase({std::make_shared<QSOChapterStatus>(
+      QSOChapterDescription("unknown", 0, 1), 0, 100, 100, "tok")}));
+  root = manager()->createProgressForAudiobookID("unknown");
   ASSERT_NE(root, nullptr);
   EXPECT_EQ(root->work(), QSOProgress::Work(0, 0));
   EXPECT_EQ(chapterNode("unknown", 0, 1)->workRatio(), QSOProgress::WorkRatio(0, 0));
@@ -179,7 +159,7 @@ TEST_F(DownloadProgress, AnAudiobookWithoutAStatusRecordGivesItsChaptersNoWeight
 
 // --- Nodes on their own ---------------------------------------------------------------------
 
-TEST_F(DownloadProgress, AChildKeepsTheParentsTotalFromAssignment) {
+TEST_F(DownloadProgress, AChildKeepsTheParentsTotalFromAssignmentAndMayOutliveIt) {
   auto root = std::make_shared<QSOProgress>(0, 100);
   auto child = std::make_shared<QSOProgress>(10, 10);
   root->assignChild(child, 50);
@@ -190,14 +170,8 @@ TEST_F(DownloadProgress, AChildKeepsTheParentsTotalFromAssignment) {
   EXPECT_EQ(root->fractionCompleted(), 0.5);
   root->setCompletedUnitCount(100);
   EXPECT_EQ(root->fractionCompleted(), 1.0);  // own 100/200 plus the child's 0.5
-}
 
-TEST_F(DownloadProgress, AChildOutlivingItsParentStillUpdates) {
-  auto child = std::make_shared<QSOProgress>(0, 10);
-  {
-    auto root = std::make_shared<QSOProgress>(0, 10);
-    root->assignChild(child, 10);
-  }
+  root.reset();
   EXPECT_EQ(child->parent(), nullptr);
   child->setCompletedUnitCount(5);
   EXPECT_EQ(child->fractionCompleted(), 0.5);
@@ -205,34 +179,25 @@ TEST_F(DownloadProgress, AChildOutlivingItsParentStillUpdates) {
 
 // --- The registry ---------------------------------------------------------------------------
 
-TEST_F(DownloadProgress, NothingIsFoundBeforeTheTreeIsCreated) {
-  saveBook("later", 1000, {{0, 1, 0, 500}, {0, 2, 0, 500}});
+TEST_F(DownloadProgress, ATreeIsFoundOnlyOnceCreatedAndCreatedOnceWithALineForEveryNode) {
+  saveBook("later", 1000, {{2, 7, 0, 400}, {2, 8, 0, 600}});
   EXPECT_EQ(manager()->progressForAudiobookID("later"), nullptr);
-  EXPECT_EQ(manager()->progressForAudiobookID("later", 0, 1), nullptr);
+  EXPECT_EQ(manager()->progressForAudiobookID("later", 2, 7), nullptr);
 
   auto root = manager()->createProgressForAudiobookID("later");
   EXPECT_EQ(manager()->progressForAudiobookID("later"), root);
-  auto chapter = manager()->progressForAudiobookID("later", 0, 1);
+  auto chapter = manager()->progressForAudiobookID("later", 2, 7);
   ASSERT_NE(chapter, nullptr);
   EXPECT_EQ(chapter->parent(), root);
-  EXPECT_EQ(manager()->progressForAudiobookID("later", 1, 0), nullptr);
-}
+  EXPECT_EQ(manager()->progressForAudiobookID("later", 7, 2), nullptr);
+  EXPECT_EQ(listener->count("Create progress for later with 2 children, (QSOProgress)"), 1u);
+  EXPECT_EQ(listener->count("Create progress for later_2_7 (QSOProgress)"), 1u);
+  EXPECT_EQ(listener->count("Create progress for later_2_8 (QSOProgress)"), 1u);
 
-TEST_F(DownloadProgress, CreatingTwiceKeepsTheFirstTree) {
-  saveBook("twice", 1000, {{0, 1, 0, 1000}});
-  auto root = manager()->createProgressForAudiobookID("twice");
-  chapterNode("twice", 0, 1)->setCompletedUnitCount(500);
-  EXPECT_EQ(manager()->createProgressForAudiobookID("twice"), root);
-  EXPECT_EQ(root->fractionCompleted(), 0.5);
-  EXPECT_EQ(listener->count("Create progress for twice with"), 1u);
-}
-
-TEST_F(DownloadProgress, CreationLogsTheRootAndEveryChapter) {
-  saveBook("logged", 1000, {{2, 7, 0, 400}, {2, 8, 0, 600}});
-  manager()->createProgressForAudiobookID("logged");
-  EXPECT_EQ(listener->count("Create progress for logged with 2 children, (QSOProgress)"), 1u);
-  EXPECT_EQ(listener->count("Create progress for logged_2_7 (QSOProgress)"), 1u);
-  EXPECT_EQ(listener->count("Create progress for logged_2_8 (QSOProgress)"), 1u);
+  chapter->setCompletedUnitCount(200);
+  EXPECT_EQ(manager()->createProgressForAudiobookID("later"), root);
+  EXPECT_DOUBLE_EQ(root->fractionCompleted(), 0.2) << "creating again keeps the first tree";
+  EXPECT_EQ(listener->count("Create progress for later with"), 1u);
 }
 
 TEST_F(DownloadProgress, RemovingDropsTheRootAndEveryChapterKey) {

@@ -28,51 +28,29 @@ std::vector<std::string> strings(const Value& value) {
 
 // --- Sort-form titles back to display form ---
 
-TEST(RelocateTrailingCommas, MovesTrailingTheToTheFront) {
+TEST(RelocateTrailingCommas, MovesOnlyAnExactTrailingTheOrAToTheFront) {
   EXPECT_EQ(SOTitleTransformer::relocateTrailingCommas("Hobbit, The"), "The Hobbit");
-}
-
-TEST(RelocateTrailingCommas, KeepsMiddlePiecesWithTheirBlanks) {
-  EXPECT_EQ(SOTitleTransformer::relocateTrailingCommas("Foo, Bar, The"), "The Foo, Bar");
-  EXPECT_EQ(SOTitleTransformer::relocateTrailingCommas("Foo,Bar, Baz, The"), "The Foo,Bar, Baz");
-}
-
-TEST(RelocateTrailingCommas, MovesTrailingAToTheFront) {
   EXPECT_EQ(SOTitleTransformer::relocateTrailingCommas("Tale, A"), "A Tale");
+  // Middle pieces keep their blanks.
+  EXPECT_EQ(SOTitleTransformer::relocateTrailingCommas("Foo,Bar, Baz, The"), "The Foo,Bar, Baz");
   EXPECT_EQ(SOTitleTransformer::relocateTrailingCommas("Tale, Told, A"), "A Tale, Told");
-}
-
-TEST(RelocateTrailingCommas, LeavesTitlesWithoutAnExactArticleUnchanged) {
+  // A leading article piece is not the sort form; a trailing one is, whatever precedes it.
+  EXPECT_EQ(SOTitleTransformer::relocateTrailingCommas("Hobbit, The, A"), "A Hobbit, The");
+  EXPECT_EQ(SOTitleTransformer::relocateTrailingCommas(", The"), "The ");
   for (const char* title : {"Hobbit", "Hobbit, the", "Hobbit,The", "Hobbit, An", "Hobbit, The ",
-                            "Hobbit, a", "", ",", "Hobbit, Thereafter"}) {
+                            "Hobbit, a", "", ",", "Hobbit, Thereafter", "The, Hobbit"}) {
     EXPECT_EQ(SOTitleTransformer::relocateTrailingCommas(title), title) << title;
   }
 }
 
-TEST(RelocateTrailingCommas, OnlyTheLastPieceCounts) {
-  // A leading article piece is not the sort form; a trailing one is, whatever precedes it.
-  EXPECT_EQ(SOTitleTransformer::relocateTrailingCommas("The, Hobbit"), "The, Hobbit");
-  EXPECT_EQ(SOTitleTransformer::relocateTrailingCommas("Hobbit, The, A"), "A Hobbit, The");
-  EXPECT_EQ(SOTitleTransformer::relocateTrailingCommas(", The"), "The ");
-}
-
 // --- Title transformer ---
 
-TEST(TitleTransformer, StoresTheTitleBytesUnchanged) {
+TEST(TitleTransformer, StoresStringBytesUnchangedAndReadsThemBackInDisplayForm) {
   SOTitleTransformer transformer;
-  EXPECT_EQ(transformer.transformedValue(Value("Hobbit, The")), bytes("Hobbit, The"));
   EXPECT_EQ(transformer.transformedValue(Value("Ærø, The")), bytes("Ærø, The"));
   EXPECT_EQ(transformer.transformedValue(Value("")), StoredBytes());
-}
-
-TEST(TitleTransformer, StoresNothingForAValueThatIsNotAString) {
-  SOTitleTransformer transformer;
   EXPECT_FALSE(transformer.transformedValue(Value()).has_value());
   EXPECT_FALSE(transformer.transformedValue(Value(int64_t{5})).has_value());
-}
-
-TEST(TitleTransformer, ReadsBackInDisplayForm) {
-  SOTitleTransformer transformer;
   EXPECT_EQ(transformer.reverseTransformedValue(bytes("Hobbit, The")), Value("The Hobbit"));
   EXPECT_EQ(transformer.reverseTransformedValue(bytes("Ærø, A")), Value("A Ærø"));
   EXPECT_EQ(transformer.reverseTransformedValue(bytes("Dune")), Value("Dune"));
@@ -81,61 +59,41 @@ TEST(TitleTransformer, ReadsBackInDisplayForm) {
 
 TEST(TitleTransformer, UndecodableBytesGiveAnEmptyTitle) {
   SOTitleTransformer transformer;
-  EXPECT_EQ(transformer.reverseTransformedValue(StoredBytes{0xFF, 0xFE, 'x'}), Value(""));
-  // Overlong encoding of "/" and a lone surrogate are not UTF-8 either.
-  EXPECT_EQ(transformer.reverseTransformedValue(StoredBytes{0xC0, 0xAF}), Value(""));
-  EXPECT_EQ(transformer.reverseTransformedValue(StoredBytes{0xED, 0xA0, 0x80}), Value(""));
-  // A sequence cut short at the end.
-  EXPECT_EQ(transformer.reverseTransformedValue(StoredBytes{'a', 0xE2, 0x82}), Value(""));
+  // Not UTF-8: stray bytes, an overlong "/", a lone surrogate, a sequence cut short at the end.
+  for (const StoredBytes& stored : {StoredBytes{0xFF, 0xFE, 'x'}, StoredBytes{0xC0, 0xAF},
+                                    StoredBytes{0xED, 0xA0, 0x80}, StoredBytes{'a', 0xE2, 0x82}}) {
+    EXPECT_EQ(transformer.reverseTransformedValue(stored), Value(""));
+  }
 }
 
 // --- String-to-array transformer ---
 
-TEST(StringToArrayTransformer, StoresAStringAsItsJoinedPieces) {
+TEST(StringToArrayTransformer, StoresStringsAndArraysJoinedWithCommas) {
   QSOStringToArrayTransformer transformer;
   EXPECT_EQ(transformer.transformedValue(Value("a,b")), bytes("a,b"));
-  EXPECT_EQ(transformer.transformedValue(Value("solo")), bytes("solo"));
-}
-
-TEST(StringToArrayTransformer, StoresAnArrayJoinedWithCommas) {
-  QSOStringToArrayTransformer transformer;
   EXPECT_EQ(transformer.transformedValue(Value(Array{Value("Tolkien"), Value("J. R. R.")})),
             bytes("Tolkien,J. R. R."));
   EXPECT_EQ(transformer.transformedValue(Value(Array{})), StoredBytes());
   EXPECT_FALSE(transformer.transformedValue(Value()).has_value());
-}
-
-TEST(StringToArrayTransformer, ReadsTwoElementsFromAB) {
-  QSOStringToArrayTransformer transformer;
-  Value value = transformer.reverseTransformedValue(bytes("a,b"));
-  EXPECT_EQ(strings(value), (std::vector<std::string>{"a", "b"}));
-}
-
-TEST(StringToArrayTransformer, NoStoredBytesGiveAnEmptyArray) {
-  QSOStringToArrayTransformer transformer;
-  EXPECT_EQ(transformer.reverseTransformedValue({}), Value(Array{}));
+  std::vector<std::string> codes{"FIC000000", "FIC009000"};
+  EXPECT_EQ(QSOStringToArrayTransformer::bytesFromStrings(codes), bytes("FIC000000,FIC009000"));
 }
 
 TEST(StringToArrayTransformer, ListsRoundTripUnlessAnElementHoldsAComma) {
   QSOStringToArrayTransformer transformer;
-  Array narrators{Value("Ann"), Value("Bo Li"), Value("")};
-  auto stored = transformer.transformedValue(Value(narrators));
+  EXPECT_EQ(transformer.reverseTransformedValue({}), Value(Array{}));
+  auto stored = transformer.transformedValue(Value(Array{Value("Ann"), Value("Bo Li"), Value("")}));
   ASSERT_TRUE(stored.has_value());
   EXPECT_EQ(strings(transformer.reverseTransformedValue(*stored)),
             (std::vector<std::string>{"Ann", "Bo Li", ""}));
+  EXPECT_EQ(QSOStringToArrayTransformer::stringsFromBytes(*stored),
+            (std::vector<std::string>{"Ann", "Bo Li", ""}));
+  EXPECT_TRUE(QSOStringToArrayTransformer::stringsFromBytes(StoredBytes{0xFF}).empty());
 
   auto split = transformer.transformedValue(Value(Array{Value("Smith, John")}));
   ASSERT_TRUE(split.has_value());
   EXPECT_EQ(strings(transformer.reverseTransformedValue(*split)),
             (std::vector<std::string>{"Smith", " John"}));
-}
-
-TEST(StringToArrayTransformer, TypedHelpersMatchTheValueForms) {
-  std::vector<std::string> codes{"FIC000000", "FIC009000"};
-  StoredBytes stored = QSOStringToArrayTransformer::bytesFromStrings(codes);
-  EXPECT_EQ(stored, bytes("FIC000000,FIC009000"));
-  EXPECT_EQ(QSOStringToArrayTransformer::stringsFromBytes(stored), codes);
-  EXPECT_TRUE(QSOStringToArrayTransformer::stringsFromBytes(StoredBytes{0xFF}).empty());
 }
 
 // --- Lookup by name ---

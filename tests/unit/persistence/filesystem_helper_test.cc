@@ -41,7 +41,7 @@ class FilesystemHelperTest : public ::testing::Test {
 
 // --- Layout ---
 
-TEST_F(FilesystemHelperTest, EveryPathLivesUnderTheLibraryDirectory) {
+TEST_F(FilesystemHelperTest, EveryPathLivesUnderTheLibraryDirectoryAndAskingCreatesNothing) {
   EXPECT_EQ(FilesystemHelper::supportDirectory(), support());
   EXPECT_EQ(FilesystemHelper::audioParentDirectory(), support() / "Audio");
   EXPECT_EQ(FilesystemHelper::audiobookDirectory("12345"), support() / "Audio" / "12345");
@@ -52,15 +52,7 @@ TEST_F(FilesystemHelperTest, EveryPathLivesUnderTheLibraryDirectory) {
             support() / "ListenEvents" / "listening_events.archive");
   EXPECT_EQ(FilesystemHelper::filePath(QSOChapterDescription("12345", 0, 7)),
             support() / "Audio" / "12345" / "12345_0_7_audio.mp3");
-}
-
-TEST_F(FilesystemHelperTest, AskingForPathsCreatesNothing) {
-  FilesystemHelper::filePath(QSOChapterDescription("12345", 0, 7));
-  FilesystemHelper::listenEventsArchivePath();
   EXPECT_FALSE(fs::exists(support()));
-}
-
-TEST_F(FilesystemHelperTest, IdentifiersThatWouldLeaveTheAudioDirectoryGiveNoPath) {
   for (const char* id : {"", ".", "..", "../12345", "a/b", "/etc"}) {
     EXPECT_TRUE(FilesystemHelper::audiobookDirectory(id).empty()) << id;
     EXPECT_TRUE(FilesystemHelper::filePath(QSOChapterDescription(id, 0, 1)).empty()) << id;
@@ -69,25 +61,19 @@ TEST_F(FilesystemHelperTest, IdentifiersThatWouldLeaveTheAudioDirectoryGiveNoPat
 
 // --- Chapter file names ---
 
-TEST(ChapterFileName, IsTheKeyFormFollowedByTheSuffix) {
-  EXPECT_EQ(FilesystemHelper::filename(QSOChapterDescription("12345", 0, 7)),
-            "12345_0_7_audio.mp3");
-  EXPECT_EQ(FilesystemHelper::kChapterFileSuffix.front(), '_');
-  EXPECT_TRUE(FilesystemHelper::kChapterFileSuffix.ends_with(".mp3"));
-}
-
-TEST(ChapterFileName, ParsesIdPartAndChapter) {
-  auto parsed = FilesystemHelper::chapterDescription("12345_2_15_x.mp3");
-  ASSERT_TRUE(parsed.has_value());
-  EXPECT_EQ(*parsed, QSOChapterDescription("12345", 2, 15));
-}
-
-TEST(ChapterFileName, SkipsEmptyPieces) {
-  auto parsed = FilesystemHelper::chapterDescription("12345__2_15_x.mp3");
-  ASSERT_TRUE(parsed.has_value());
-  EXPECT_EQ(*parsed, QSOChapterDescription("12345", 2, 15));
+TEST(ChapterFileName, ParsesIdPartAndChapterSkippingEmptyPiecesAndRoundTrips) {
+  EXPECT_EQ(FilesystemHelper::chapterDescription("12345_2_15_x.mp3"),
+            QSOChapterDescription("12345", 2, 15));
+  EXPECT_EQ(FilesystemHelper::chapterDescription("12345__2_15_x.mp3"),
+            QSOChapterDescription("12345", 2, 15));
   EXPECT_EQ(FilesystemHelper::chapterDescription("_12345_2__15_"),
             QSOChapterDescription("12345", 2, 15));
+  for (const auto& chapter :
+       {QSOChapterDescription("12345", 0, 0), QSOChapterDescription("9", 3, 27),
+        QSOChapterDescription("777", 5000000000ull, UINT64_MAX)}) {
+    EXPECT_EQ(FilesystemHelper::chapterDescription(FilesystemHelper::filename(chapter)), chapter)
+        << chapter.description();
+  }
 }
 
 TEST(ChapterFileName, RejectsNamesWithoutTwoWholeNumbers) {
@@ -98,89 +84,58 @@ TEST(ChapterFileName, RejectsNamesWithoutTwoWholeNumbers) {
   }
 }
 
-TEST(ChapterFileName, RoundTripsThroughTheFileName) {
-  for (const auto& chapter :
-       {QSOChapterDescription("12345", 0, 0), QSOChapterDescription("9", 3, 27),
-        QSOChapterDescription("777", 5000000000ull, UINT64_MAX)}) {
-    EXPECT_EQ(FilesystemHelper::chapterDescription(FilesystemHelper::filename(chapter)), chapter)
-        << chapter.description();
-  }
-}
-
 // --- Directory creation ---
 
-TEST_F(FilesystemHelperTest, SupportDirectoryIsPrivate) {
-  fs::path made = FilesystemHelper::createSupportDirectory();
-  EXPECT_EQ(made, support());
-  EXPECT_TRUE(fs::is_directory(made));
-  EXPECT_EQ(permissionsOf(made), 0700u);
-  // Creating it again is not a failure.
-  ::testing::internal::CaptureStderr();
-  EXPECT_EQ(FilesystemHelper::createSupportDirectory(), made);
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
-}
-
-TEST_F(FilesystemHelperTest, SupportDirectoryIsExcludedFromBackup) {
-  fs::path made = FilesystemHelper::createSupportDirectory();
-  char value[16] = {};
-  ssize_t length = ::getxattr(made.c_str(), "user.xdg.robots.backup", value, sizeof value);
-  if (length < 0 && errno == ENOTSUP) GTEST_SKIP() << "no user xattrs on this file system";
-  ASSERT_GE(length, 0) << std::strerror(errno);
-  EXPECT_EQ(std::string(value, static_cast<size_t>(length)), "false");
-}
-
-TEST_F(FilesystemHelperTest, AudioDirectoryIsPrivateAndTaggedAsCache) {
-  fs::path made = FilesystemHelper::createAudioDirectory();
-  EXPECT_EQ(made, support() / "Audio");
-  EXPECT_EQ(permissionsOf(made), 0700u);
-  EXPECT_EQ(permissionsOf(support()), 0700u);
-
-  std::ifstream tag(made / "CACHEDIR.TAG");
-  std::string firstLine;
-  ASSERT_TRUE(std::getline(tag, firstLine));
-  EXPECT_EQ(firstLine, "Signature: 8a477f597d28d172789f06886806bc55");
-}
-
-TEST_F(FilesystemHelperTest, AudiobookDirectoryIsCreatedWithItsParents) {
+TEST_F(FilesystemHelperTest, DirectoriesArePrivateExcludedFromBackupAndAudioIsTaggedAsCache) {
   ErrorPtr error;
   auto made = FilesystemHelper::createAudiobookDirectory("12345", &error);
   ASSERT_TRUE(made.has_value());
   EXPECT_EQ(error, nullptr);
-  EXPECT_EQ(*made, FilesystemHelper::audiobookDirectory("12345"));
-  EXPECT_EQ(permissionsOf(*made), 0700u);
-  EXPECT_EQ(permissionsOf(support() / "Audio"), 0700u);
-  EXPECT_TRUE(fs::exists(support() / "Audio" / "CACHEDIR.TAG"));
+  EXPECT_EQ(*made, support() / "Audio" / "12345");
+  for (const auto& dir : {*made, support() / "Audio", support()}) {
+    EXPECT_EQ(permissionsOf(dir), 0700u) << dir;
+  }
+  const fs::path tag = support() / "Audio" / "CACHEDIR.TAG";
+  auto expectTag = [&tag] {
+    std::ifstream in(tag);
+    std::string firstLine;
+    ASSERT_TRUE(std::getline(in, firstLine));
+    EXPECT_EQ(firstLine, "Signature: 8a477f597d28d172789f06886806bc55");
+  };
+  expectTag();
+  fs::remove(tag);
+  EXPECT_EQ(FilesystemHelper::createAudioDirectory(), support() / "Audio");
+  expectTag();
+
+  // Creating an existing directory again is not a failure.
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(FilesystemHelper::createSupportDirectory(), support());
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+  char value[16] = {};
+  ssize_t length = ::getxattr(support().c_str(), "user.xdg.robots.backup", value, sizeof value);
+  if (length >= 0 || errno != ENOTSUP) {  // some file systems have no user xattrs
+    ASSERT_GE(length, 0) << std::strerror(errno);
+    EXPECT_EQ(std::string(value, static_cast<size_t>(length)), "false");
+  }
 }
 
-TEST_F(FilesystemHelperTest, AudiobookDirectoryFailureIsAPosixError) {
-  writeFile(support() / "Audio", 3);  // a file where the audio directory belongs
-
-  ErrorPtr error;
-  ::testing::internal::CaptureStderr();
-  auto made = FilesystemHelper::createAudiobookDirectory("12345", &error);
-  std::string console = ::testing::internal::GetCapturedStderr();
-
-  EXPECT_FALSE(made.has_value());
-  ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->domain, kPOSIXErrorDomain);
-  EXPECT_EQ(error->code, ENOTDIR);
-  EXPECT_EQ(console.rfind("Exception creating audiobook directory: ", 0), 0u) << console;
-  // Without an out-parameter the failure is still reported as nothing.
-  ::testing::internal::CaptureStderr();
-  EXPECT_FALSE(FilesystemHelper::createAudiobookDirectory("12345", nullptr).has_value());
-  ::testing::internal::GetCapturedStderr();
-}
-
-TEST_F(FilesystemHelperTest, AudiobookDirectoryForAnUnsafeIdentifierIsRefused) {
-  ErrorPtr error;
-  ::testing::internal::CaptureStderr();
-  auto made = FilesystemHelper::createAudiobookDirectory("../escape", &error);
-  std::string console = ::testing::internal::GetCapturedStderr();
-  EXPECT_FALSE(made.has_value());
-  ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->domain, kPOSIXErrorDomain);
-  EXPECT_EQ(console.rfind("Exception creating audiobook directory: ", 0), 0u) << console;
+TEST_F(FilesystemHelperTest, AudiobookDirectoryFailuresArePosixErrorsAndPrinted) {
+  auto expectFailure = [](const std::string& id, int code) {
+    ErrorPtr error;
+    ::testing::internal::CaptureStderr();
+    EXPECT_FALSE(FilesystemHelper::createAudiobookDirectory(id, &error).has_value());
+    // Without an out-parameter the failure is still reported as nothing.
+    EXPECT_FALSE(FilesystemHelper::createAudiobookDirectory(id, nullptr).has_value());
+    std::string console = ::testing::internal::GetCapturedStderr();
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->domain, kPOSIXErrorDomain);
+    EXPECT_EQ(error->code, code);
+    EXPECT_EQ(console.rfind("Exception creating audiobook directory: ", 0), 0u) << console;
+  };
+  expectFailure("../escape", EINVAL);
   EXPECT_FALSE(fs::exists(support() / "escape"));
+  writeFile(support() / "Audio", 3);  // a file where the audio directory belongs
+  expectFailure("12345", ENOTDIR);
 }
 
 TEST_F(FilesystemHelperTest, SupportAndAudioFailuresArePrintedAndThePathStillReturned) {
@@ -225,96 +180,54 @@ TEST(FilesystemHelperWithoutLibrary, GivesEmptyPathsAndCreatesNothing) {
 
 // --- Files ---
 
-TEST_F(FilesystemHelperTest, ExistenceAndSizeFollowTheChapterFile) {
-  QSOChapterDescription chapter("12345", 1, 4);
+TEST_F(FilesystemHelperTest, AChapterFileIsSeenWithItsSizeAndDeletingItNotifiesWhenAsked) {
+  QSOChapterDescription chapter("12345", 0, 2), sibling("12345", 0, 3), missing("12345", 0, 9);
   EXPECT_FALSE(FilesystemHelper::fileExists(chapter));
   EXPECT_EQ(FilesystemHelper::sizeOnDisk(chapter), 0u);
-
   writeFile(FilesystemHelper::filePath(chapter), 1234);
+  writeFile(FilesystemHelper::filePath(sibling), 10);
   EXPECT_TRUE(FilesystemHelper::fileExists(chapter));
   EXPECT_EQ(FilesystemHelper::sizeOnDisk(chapter), 1234u);
-  EXPECT_FALSE(FilesystemHelper::fileExists(QSOChapterDescription("12345", 1, 5)));
-}
-
-TEST_F(FilesystemHelperTest, DeletingAChapterRemovesItsFileAndNotifies) {
-  QSOChapterDescription chapter("12345", 0, 2);
-  QSOChapterDescription sibling("12345", 0, 3);
-  writeFile(FilesystemHelper::filePath(chapter), 10);
-  writeFile(FilesystemHelper::filePath(sibling), 10);
 
   NotificationRecorder recorder;
   FilesystemHelper::deleteFile(chapter, true);
-
+  FilesystemHelper::deleteFile(missing, true);  // a missing file still notifies
   EXPECT_FALSE(FilesystemHelper::fileExists(chapter));
   EXPECT_TRUE(FilesystemHelper::fileExists(sibling));
-  auto received = recorder.received();
-  ASSERT_EQ(received.size(), 1u);
-  EXPECT_EQ(received[0].name, QSOChapterDeleteSuccessNotification);
-  EXPECT_EQ(received[0].userInfo,
-            (Dictionary{{std::string(QSOChapterDescriptionUserInfoKey), Value(chapter)}}));
-}
-
-TEST_F(FilesystemHelperTest, DeletingAMissingChapterStillNotifies) {
-  QSOChapterDescription chapter("12345", 0, 9);
-  NotificationRecorder recorder;
-  FilesystemHelper::deleteFile(chapter, true);
-
-  auto received = recorder.received();
-  ASSERT_EQ(received.size(), 1u);
-  EXPECT_EQ(received[0].name, QSOChapterDeleteSuccessNotification);
-  EXPECT_EQ(received[0].userInfo,
-            (Dictionary{{std::string(QSOChapterDescriptionUserInfoKey), Value(chapter)}}));
-}
-
-TEST_F(FilesystemHelperTest, DeletingWithoutNotifyPostsNothing) {
-  QSOChapterDescription chapter("12345", 0, 2);
-  writeFile(FilesystemHelper::filePath(chapter), 10);
-
-  NotificationRecorder recorder;
-  FilesystemHelper::deleteFile(chapter, false);
+  FilesystemHelper::deleteFile(sibling, false);
   FilesystemHelper::deleteFile(QSOChapterDescription("12345", 0, 8), false);
-
-  EXPECT_FALSE(FilesystemHelper::fileExists(chapter));
-  EXPECT_TRUE(recorder.received().empty());
+  EXPECT_FALSE(FilesystemHelper::fileExists(sibling));
+  auto received = recorder.received();
+  ASSERT_EQ(received.size(), 2u);
+  for (size_t i = 0; i < 2; ++i) {
+    EXPECT_EQ(received[i].name, QSOChapterDeleteSuccessNotification);
+    EXPECT_EQ(received[i].userInfo, (Dictionary{{std::string(QSOChapterDescriptionUserInfoKey),
+                                                 Value(i == 0 ? chapter : missing)}}));
+  }
 }
 
-TEST_F(FilesystemHelperTest, DeletingAllFilesRemovesTheTreeAndNotifies) {
+TEST_F(FilesystemHelperTest, DeletingAllFilesRemovesOnlyThatAudiobooksTreeAndNotifies) {
   writeFile(FilesystemHelper::filePath(QSOChapterDescription("12345", 0, 1)), 10);
   writeFile(FilesystemHelper::audiobookDirectory("12345") / "nested" / "partial.tmp", 10);
-  writeFile(FilesystemHelper::filePath(QSOChapterDescription("777", 0, 1)), 10);
-
-  NotificationRecorder recorder;
-  FilesystemHelper::deleteAllFiles("12345");
-
-  EXPECT_FALSE(fs::exists(FilesystemHelper::audiobookDirectory("12345")));
-  EXPECT_TRUE(FilesystemHelper::fileExists(QSOChapterDescription("777", 0, 1)));
-  auto received = recorder.received();
-  ASSERT_EQ(received.size(), 1u);
-  EXPECT_EQ(received[0].name, QSOAudiobookDeleteSuccessNotification);
-  EXPECT_EQ(received[0].userInfo,
-            (Dictionary{{std::string(QSOAudiobookIDUserInfoKey), Value("12345")}}));
-}
-
-TEST_F(FilesystemHelperTest, DeletingAllFilesOfAnAbsentAudiobookStillNotifies) {
-  NotificationRecorder recorder{std::string(QSOAudiobookDeleteSuccessNotification)};
-  FilesystemHelper::deleteAllFiles("424242");
-  auto received = recorder.received();
-  ASSERT_EQ(received.size(), 1u);
-  EXPECT_EQ(received[0].userInfo,
-            (Dictionary{{std::string(QSOAudiobookIDUserInfoKey), Value("424242")}}));
-}
-
-TEST_F(FilesystemHelperTest, DeletingAllFilesNeverLeavesTheAudiobookDirectory) {
   writeFile(FilesystemHelper::filePath(QSOChapterDescription("777", 0, 1)), 10);
   fs::path metadata = FilesystemHelper::metadataDatabasePath();
   writeFile(metadata, 10);
 
   NotificationRecorder recorder;
+  FilesystemHelper::deleteAllFiles("12345");
+  FilesystemHelper::deleteAllFiles("424242");  // absent: still notifies
   for (const char* id : {"", ".", "..", "../.."}) FilesystemHelper::deleteAllFiles(id);
 
+  EXPECT_FALSE(fs::exists(FilesystemHelper::audiobookDirectory("12345")));
   EXPECT_TRUE(FilesystemHelper::fileExists(QSOChapterDescription("777", 0, 1)));
   EXPECT_TRUE(fs::exists(metadata));
-  EXPECT_EQ(recorder.received().size(), 4u);
+  auto received = recorder.received();
+  ASSERT_EQ(received.size(), 6u);
+  EXPECT_EQ(received[0].name, QSOAudiobookDeleteSuccessNotification);
+  EXPECT_EQ(received[0].userInfo,
+            (Dictionary{{std::string(QSOAudiobookIDUserInfoKey), Value("12345")}}));
+  EXPECT_EQ(received[1].userInfo,
+            (Dictionary{{std::string(QSOAudiobookIDUserInfoKey), Value("424242")}}));
 }
 
 }  // namespace

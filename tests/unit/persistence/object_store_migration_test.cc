@@ -72,14 +72,17 @@ TEST_F(ObjectStoreTest, Version4StoreMigratesTitlesToSortForm) {
                                               "A Tale of Two Cities", "Theory of Everything"}));
 }
 
-TEST_F(ObjectStoreTest, CurrentStoreIsNotMigratedAgain) {
+TEST_F(ObjectStoreTest, AnotherEngineOnACurrentStoreSeesWhatWasSavedAndMigratesNothing) {
   setUpOnMain();
   store()->addAudiobook(book("1", "The Hobbit"));
   auto second = std::make_shared<QSOPersistenceEngine>();
   setUpOnMain(second);
-  RawSqlite raw(storePath());
+  auto copy = second->audiobookForID("1");
+  ASSERT_NE(copy, nullptr);
+  EXPECT_EQ(copy->chapters().size(), 2u);
   // Titles added at the current model stay as given.
-  EXPECT_EQ(raw.rows("SELECT CAST(title AS TEXT) FROM QSOAudiobook")[0][0], "The Hobbit");
+  EXPECT_EQ(RawSqlite(storePath()).rows("SELECT CAST(title AS TEXT) FROM QSOAudiobook")[0][0],
+            "The Hobbit");
   EXPECT_EQ(logged("Migrating store"), 0u);
 }
 
@@ -91,8 +94,7 @@ TEST_F(ObjectStoreTest, StoreOfAnUnknownFutureModelIsDeletedAndRecreatedEmpty) {
   EXPECT_EQ(logged("[Sonorell] Error creating persistence engine store: "), 1u);
   EXPECT_EQ(logged("incompatible"), 1u);
   EXPECT_EQ(store()->audiobooksCount(), 0u);
-  RawSqlite raw(storePath());
-  EXPECT_EQ(raw.integer("PRAGMA user_version"), 6);
+  EXPECT_EQ(RawSqlite(storePath()).integer("PRAGMA user_version"), 6);
   store()->addAudiobook(book("1", "One"));
   EXPECT_EQ(store()->audiobooksCount(), 1u);
 }

@@ -37,17 +37,17 @@ TEST_F(ObjectStoreTest, BeforeSetUpEveryOperationLogsAndGivesNothing) {
 
 // --- Set-up ---
 
-TEST_F(ObjectStoreTest, SetUpOnMainQueueCreatesWALStoreAtCurrentModel) {
-  setUpOnMain();
+TEST_F(ObjectStoreTest, DidFinishLaunchingCreatesAWALStoreAtTheCurrentModel) {
+  QSOSonorell::sharedEngine()->didFinishLaunching();
   ASSERT_TRUE(store()->isInitialized());
-  EXPECT_EQ(storePath().filename(), "PersistenceEngine.sqlite");
-  ASSERT_TRUE(std::filesystem::exists(storePath()));
   RawSqlite raw(storePath());
   EXPECT_EQ(raw.rows("PRAGMA journal_mode")[0][0], "wal");
   EXPECT_EQ(raw.integer("PRAGMA user_version"), 6);
   EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM sqlite_master WHERE name IN ('QSOAudiobook', "
                         "'QSOChapter')"),
             2);
+  store()->addAudiobook(book("7", "Seven"));
+  EXPECT_EQ(store()->audiobooksCount(), 1u);
   EXPECT_EQ(logged(kNotInitialised), 0u);
 }
 
@@ -97,13 +97,6 @@ TEST_F(ObjectStoreTest, ManyBackgroundCallersAreAllReleasedAndLaterCallsReturnAt
   engine->setUpStore();
 }
 
-TEST_F(ObjectStoreTest, DidFinishLaunchingOpensTheStore) {
-  QSOSonorell::sharedEngine()->didFinishLaunching();
-  EXPECT_TRUE(store()->isInitialized());
-  store()->addAudiobook(book("7", "Seven"));
-  EXPECT_EQ(store()->audiobooksCount(), 1u);
-}
-
 // --- Adding and looking up ---
 
 TEST_F(ObjectStoreTest, AddedDocumentReadsBackAsADetachedCopy) {
@@ -115,7 +108,17 @@ TEST_F(ObjectStoreTest, AddedDocumentReadsBackAsADetachedCopy) {
   doc["chapterized"] = true;
   doc["street_date"] = "2017-03-04";
   doc["publisher"] = "It's \"quoted\" -- ok";
+  doc["series"] = Array{"a", "b"};
   store()->addAudiobook(doc);
+  store()->addAudiobook(book("1", "Hobbit, The"));
+  // Titles and lists are stored as the transformers' bytes; the title reads back in display form.
+  EXPECT_EQ(
+      RawSqlite(storePath())
+          .rows("SELECT typeof(title), CAST(title AS TEXT), "
+                "typeof(series), CAST(series AS TEXT), typeof(awards), "
+                "length(awards) FROM QSOAudiobook WHERE audiobookID='12345'"),
+      (std::vector<std::vector<std::string>>{{"blob", "The Hobbit", "blob", "a,b", "blob", "0"}}));
+  EXPECT_EQ(store()->audiobookForID("1")->title(), "The Hobbit");
 
   auto copy = store()->audiobookForID("12345");
   ASSERT_NE(copy, nullptr);
@@ -141,34 +144,15 @@ TEST_F(ObjectStoreTest, AddedDocumentReadsBackAsADetachedCopy) {
   EXPECT_EQ(store()->audiobookForID("12345")->title(), "The Hobbit");
 }
 
-TEST_F(ObjectStoreTest, TitlesAndListsAreStoredAsTransformerBytes) {
-  setUpOnMain();
-  Dictionary doc = book("1", "Hobbit, The");
-  doc["series"] = Array{"a", "b"};
-  store()->addAudiobook(doc);
-  RawSqlite raw(storePath());
-  auto row = raw.rows(
-      "SELECT typeof(title), CAST(title AS TEXT), typeof(series), "
-      "CAST(series AS TEXT), typeof(awards), length(awards) FROM QSOAudiobook");
-  ASSERT_EQ(row.size(), 1u);
-  EXPECT_EQ(row[0], (std::vector<std::string>{"blob", "Hobbit, The", "blob", "a,b", "blob", "0"}));
-  // Read back through the title transformer: display form.
-  EXPECT_EQ(store()->audiobookForID("1")->title(), "The Hobbit");
-}
-
-TEST_F(ObjectStoreTest, DuplicateIdentifierAddsNothingAndLogs) {
+TEST_F(ObjectStoreTest, DuplicateAndMissingIdentifiersChangeNothingAndLogTheirLines) {
   setUpOnMain();
   store()->addAudiobook(book("42", "First", 3));
   store()->addAudiobook(book("42", "Second", 5));
   EXPECT_EQ(store()->audiobookCountForID("42"), 1u);
   EXPECT_EQ(store()->audiobookForID("42")->title(), "First");
   EXPECT_EQ(logged("[PersistenceEngine] Cannot add duplicate audiobook"), 1u);
-  RawSqlite raw(storePath());
-  EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM QSOChapter"), 3);
-}
+  EXPECT_EQ(RawSqlite(storePath()).integer("SELECT COUNT(*) FROM QSOChapter"), 3);
 
-TEST_F(ObjectStoreTest, MissingIdentifierLogsItsLine) {
-  setUpOnMain();
   EXPECT_EQ(store()->audiobookForID("77"), nullptr);
   EXPECT_EQ(logged("[QSOPersistenceEngine] Unable to find audiobook for 77"), 1u);
   store()->removeAudiobookForID("77");
@@ -190,8 +174,6 @@ TEST_F(ObjectStoreTest, PageTwoOfTwentyIsObjectsFortyOneToSixty) {
   store()->setAudiobooksPageSize(20);
   auto page = store()->audiobooksForPredicate({}, {{"title", true, false}}, 2);
   ASSERT_EQ(page.size(), 20u);
-  EXPECT_EQ(page.front()->title(), "Book 040");
-  EXPECT_EQ(page.back()->title(), "Book 059");
   for (size_t i = 0; i < page.size(); ++i) {
     EXPECT_EQ(page[i]->audiobookID(), std::to_string(40 + i));
     EXPECT_EQ(page[i]->chapters().size(), 1u);
@@ -207,72 +189,49 @@ TEST_F(ObjectStoreTest, PageTwoOfTwentyIsObjectsFortyOneToSixty) {
   EXPECT_EQ(store()->audiobooksForPredicate({}, {}, 3).size(), 100u);
 }
 
-TEST_F(ObjectStoreTest, EqualSortKeysPageWithoutOverlapInInsertionOrder) {
+TEST_F(ObjectStoreTest, IdentifiersCountsAndPagesOfEqualSortKeysFollowTheOrderOfAddition) {
   setUpOnMain();
-  for (int i = 0; i < 10; ++i) store()->addAudiobook(book(std::to_string(i), "Same", 0));
+  const std::vector<std::string> ids{"30", "10", "20", "5", "6", "7", "8", "9", "11", "12"};
+  for (const auto& id : ids) store()->addAudiobook(book(id, "Same", 0));
+  EXPECT_EQ(store()->audiobooksCount(), 10u);
+  EXPECT_EQ(store()->audiobookIDs(), ids);
+  EXPECT_EQ(store()->audiobooksCountForPredicate(QSOAttribute("audiobookID").greaterThan("15")),
+            7u);
+  EXPECT_EQ(store()->audiobooksCountForPredicate(std::nullopt), 10u);
   store()->setAudiobooksPageSize(4);
-  std::vector<std::string> ids;
+  std::vector<std::string> paged;
   for (uint64_t page = 0; page < 3; ++page) {
     for (const auto& b : store()->audiobooksForPredicate({}, {{"title", true, false}}, page)) {
-      ids.push_back(b->audiobookID());
+      paged.push_back(b->audiobookID());
     }
   }
-  EXPECT_EQ(ids, (std::vector<std::string>{"0", "1", "2", "3", "4", "5", "6", "7", "8", "9"}));
+  EXPECT_EQ(paged, ids) << "no overlap between pages";
 }
 
-// --- Counting, identifiers, removal ---
-
-TEST_F(ObjectStoreTest, CountsAndDistinctIdentifiersInOrderOfAddition) {
-  setUpOnMain();
-  for (const char* id : {"30", "10", "20"}) store()->addAudiobook(book(id, id));
-  EXPECT_EQ(store()->audiobooksCount(), 3u);
-  EXPECT_EQ(store()->audiobookIDs(), (std::vector<std::string>{"30", "10", "20"}));
-  EXPECT_EQ(store()->audiobooksCountForPredicate(QSOAttribute("audiobookID").greaterThan("15")),
-            2u);
-  EXPECT_EQ(store()->audiobooksCountForPredicate(std::nullopt), 3u);
-}
-
-TEST_F(ObjectStoreTest, RemovingAnAudiobookRemovesItsChaptersOnly) {
+TEST_F(ObjectStoreTest, RemovalsTakeTheirChaptersAndADeletedStoreStartsOverEmpty) {
   setUpOnMain();
   store()->addAudiobook(book("1", "One", 4));
   store()->addAudiobook(book("2", "Two", 3));
   store()->removeAudiobookForID("1");
   EXPECT_EQ(store()->audiobookForID("1"), nullptr);
   EXPECT_EQ(store()->audiobookForID("2")->chapters().size(), 3u);
-  RawSqlite raw(storePath());
-  EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM QSOChapter"), 3);
-}
+  auto chapterRows = [] {
+    return RawSqlite(storePath()).integer("SELECT COUNT(*) FROM QSOChapter");
+  };
+  EXPECT_EQ(chapterRows(), 3);
 
-TEST_F(ObjectStoreTest, RemoveAllEmptiesBothEntities) {
-  setUpOnMain();
-  for (int i = 0; i < 5; ++i) store()->addAudiobook(book(std::to_string(i), "T", 3));
+  store()->addAudiobook(book("3", "Three", 2));
   store()->removeAllAudiobooks();
   EXPECT_EQ(store()->audiobooksCount(), 0u);
-  RawSqlite raw(storePath());
-  EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM QSOChapter"), 0);
+  EXPECT_EQ(chapterRows(), 0);
   store()->addAudiobook(book("9", "After"));
   EXPECT_EQ(store()->audiobooksCount(), 1u);
-}
 
-TEST_F(ObjectStoreTest, DeletedStoreStartsOverEmpty) {
-  setUpOnMain();
-  store()->addAudiobook(book("1", "One"));
   store()->deletePersistentStore();
   EXPECT_EQ(store()->audiobooksCount(), 0u);
   store()->addAudiobook(book("2", "Two"));
   EXPECT_EQ(store()->audiobookIDs(), std::vector<std::string>{"2"});
-  RawSqlite raw(storePath());
-  EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM QSOAudiobook"), 1);
-}
-
-TEST_F(ObjectStoreTest, AnotherEngineOnTheSameFileSeesWhatWasSaved) {
-  setUpOnMain();
-  store()->addAudiobook(book("5", "Five", 2));
-  auto second = std::make_shared<QSOPersistenceEngine>();
-  setUpOnMain(second);
-  auto copy = second->audiobookForID("5");
-  ASSERT_NE(copy, nullptr);
-  EXPECT_EQ(copy->chapters().size(), 2u);
+  EXPECT_EQ(RawSqlite(storePath()).integer("SELECT COUNT(*) FROM QSOAudiobook"), 1);
 }
 
 TEST_F(ObjectStoreTest, ConcurrentAddsFromManyThreadsAllLand) {

@@ -41,12 +41,13 @@ class StatusRecords : public ::testing::Test {
   std::shared_ptr<RecordingListener> listener = std::make_shared<RecordingListener>();
 };
 
-TEST_F(StatusRecords, FetchedRecordsAreTheCachedInstancesCallersChange) {
+TEST_F(StatusRecords, FetchedRecordsAreTheCachedInstancesCallersChangeSortedByPartThenChapter) {
   auto book = std::make_shared<QSOAudiobookStatus>("42", 0, 0, 1000);
   ASSERT_TRUE(book->saveToDatabase());
   EXPECT_EQ(QSOAudiobookStatus::fetchAudiobookStatusForAudiobookIdentifier("42"), book);
 
-  saveBook("42", 3);
+  EXPECT_TRUE(QSOChapterStatus::fetchAllForAudiobookIdentifier("42").empty());
+  saveBook("42", 3);  // rows arrive after the first (empty) read, which must not be cached
   auto chapter = QSOChapterStatus::fetchForChapterDescription(QSOChapterDescription("42", 0, 2));
   ASSERT_NE(chapter, nullptr);
   chapter->setDownloadStatus(DownloadStatusDownloading);
@@ -56,6 +57,13 @@ TEST_F(StatusRecords, FetchedRecordsAreTheCachedInstancesCallersChange) {
   auto list = QSOChapterStatus::fetchAllForAudiobookIdentifier("42");
   EXPECT_NE(std::find(list.begin(), list.end(), chapter), list.end());
   EXPECT_GE(listener->count("Cache hit: 42 3 chapters"), 1u);
+
+  std::vector<std::pair<uint64_t, uint64_t>> order;
+  for (const auto& s : QSOChapterStatus::fetchAllSortedForAudiobookIdentifier("42")) {
+    order.emplace_back(s->chapterDescription().partNumber(),
+                       s->chapterDescription().chapterNumber());
+  }
+  EXPECT_EQ(order, (std::vector<std::pair<uint64_t, uint64_t>>{{0, 2}, {1, 1}, {1, 3}}));
 }
 
 TEST_F(StatusRecords, CallersRacingToFillTheCachesShareOneInstance) {
@@ -86,24 +94,6 @@ TEST_F(StatusRecords, CallersRacingToFillTheCachesShareOneInstance) {
   EXPECT_NE(std::find(list.begin(), list.end(), chapters[0]), list.end());
 }
 
-TEST_F(StatusRecords, SortedFetchOrdersByPartThenChapter) {
-  saveBook("7", 5);
-  std::vector<std::pair<uint64_t, uint64_t>> order;
-  for (const auto& s : QSOChapterStatus::fetchAllSortedForAudiobookIdentifier("7")) {
-    order.emplace_back(s->chapterDescription().partNumber(),
-                       s->chapterDescription().chapterNumber());
-  }
-  EXPECT_EQ(order,
-            (std::vector<std::pair<uint64_t, uint64_t>>{{0, 2}, {0, 4}, {1, 1}, {1, 3}, {1, 5}}));
-}
-
-TEST_F(StatusRecords, ABookWithoutChapterRowsIsNeverCached) {
-  EXPECT_TRUE(QSOChapterStatus::fetchAllForAudiobookIdentifier("late").empty());
-  saveBook("late", 2);  // rows arrive after the first (empty) read
-  EXPECT_EQ(QSOChapterStatus::fetchAllForAudiobookIdentifier("late").size(), 2u);
-  EXPECT_EQ(listener->count("Cache hit: late"), 0u);
-}
-
 TEST_F(StatusRecords, DeletingOneBookDropsEveryChapterKeyedEntryOfEveryBook) {
   saveBook("a", 2);
   saveBook("b", 2);
@@ -121,7 +111,7 @@ TEST_F(StatusRecords, DeletingOneBookDropsEveryChapterKeyedEntryOfEveryBook) {
   EXPECT_NE(std::find(bList.begin(), bList.end(), b1Again), bList.end());
 }
 
-TEST_F(StatusRecords, AnUpdateWritesOnlyKnownPropertiesAndLogsTheOthers) {
+TEST_F(StatusRecords, UpdatesWriteOnlyNamedKnownPropertiesAndLeaveCachedInstancesAlone) {
   saveBook("9", 1);
   auto chapter = QSOChapterStatus::fetchForChapterDescription(QSOChapterDescription("9", 1, 1));
   chapter->setDownloadStatus(DownloadStatusDownloaded);
@@ -140,9 +130,8 @@ TEST_F(StatusRecords, AnUpdateWritesOnlyKnownPropertiesAndLogsTheOthers) {
   EXPECT_EQ(listener->count("[QSOAudiobookStatus] Invalid property update: nope"), 1u);
   EXPECT_EQ(raw.rows("SELECT downloadStatus, totalSize FROM audiobookStatus"),
             (std::vector<std::vector<std::string>>{{"0", "20"}}));
-}
 
-TEST_F(StatusRecords, BatchUpdatesByBookAndByRowIdLeaveCachedInstancesAlone) {
+  // Batch updates by book and by row id leave cached instances alone.
   saveBook("5", 3);
   auto cached = QSOChapterStatus::fetchAllSortedForAudiobookIdentifier("5");
   ASSERT_EQ(cached.size(), 3u);

@@ -2,9 +2,9 @@
 // advances it, so a 300-second schedule is checked without waiting.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -19,11 +19,21 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::Gate;
+using Events = std::vector<std::string>;
 
-// --- DispatchGroup --------------------------------------------------------------------------
-
-TEST(DispatchGroup, WaitReturnsOnceEveryEnterHasItsLeave) {
+TEST(DispatchGroup, WaitAndNotifyGoOnlyOnceEveryEnterHasItsLeave) {
   auto group = DispatchGroup::create();
+  group->leave();  // an extra leave must not make the next enter look empty
+  group->enter();
+  group->enter();
+  EXPECT_FALSE(group->wait(20ms));
+  group->leave();
+  EXPECT_FALSE(group->wait(20ms));
+  group->leave();
+  EXPECT_TRUE(group->wait(0ms));
+  group->wait();  // the untimed form returns at once on an empty group
+
+  // Leaves from other threads wake the waiter.
   std::atomic<int> done{0};
   std::vector<std::thread> workers;
   for (int i = 0; i < 8; ++i) {
@@ -36,31 +46,8 @@ TEST(DispatchGroup, WaitReturnsOnceEveryEnterHasItsLeave) {
   EXPECT_TRUE(group->wait(20s));
   EXPECT_EQ(done.load(), 8);
   for (auto& t : workers) t.join();
-}
 
-TEST(DispatchGroup, WaitTimesOutWhileAnEnterIsUnmatched) {
-  auto group = DispatchGroup::create();
-  group->enter();
-  group->enter();
-  EXPECT_FALSE(group->wait(20ms));
-  group->leave();
-  EXPECT_FALSE(group->wait(20ms));
-  group->leave();
-  EXPECT_TRUE(group->wait(0ms));
-  group->wait();  // the untimed form returns at once on an empty group
-}
-
-TEST(DispatchGroup, AnExtraLeaveDoesNotMakeTheNextEnterLookEmpty) {
-  auto group = DispatchGroup::create();
-  group->leave();
-  group->enter();
-  EXPECT_FALSE(group->wait(20ms));
-  group->leave();
-  EXPECT_TRUE(group->wait(0ms));
-}
-
-TEST(DispatchGroup, NotifyRunsOnItsQueueOnlyWhenTheGroupEmpties) {
-  auto group = DispatchGroup::create();
+  // Notify runs on its queue once the group empties, and only once.
   auto queue = DispatchQueue::create("io.sonorell.notify");
   std::atomic<int> notified{0};
   DispatchQueue* ranOn = nullptr;
@@ -84,9 +71,7 @@ TEST(DispatchGroup, NotifyRunsOnItsQueueOnlyWhenTheGroupEmpties) {
   EXPECT_EQ(notified.load(), 11);
 }
 
-// --- Semaphore ------------------------------------------------------------------------------
-
-TEST(Semaphore, CountsSignalsAndTimesOutWhenNoneIsLeft) {
+TEST(Semaphore, CountsSignalsWakesWaitersOnOtherThreadsAndWorksAsAMutex) {
   Semaphore semaphore(1);
   EXPECT_TRUE(semaphore.wait(0ms));
   EXPECT_FALSE(semaphore.wait(20ms));
@@ -95,9 +80,14 @@ TEST(Semaphore, CountsSignalsAndTimesOutWhenNoneIsLeft) {
   semaphore.wait();
   EXPECT_TRUE(semaphore.wait(0ms));
   EXPECT_FALSE(semaphore.wait(0ms));
-}
 
-TEST(Semaphore, AsAMutexItKeepsThreadsOutOfEachOthersWay) {
+  // A bounded wait, so a lost signal shows as a failure instead of a hang.
+  std::atomic<bool> woke{false};
+  std::thread waiter([&] { woke = semaphore.wait(30s); });
+  semaphore.signal();
+  waiter.join();
+  EXPECT_TRUE(woke.load()) << "the wait ran out instead of being signalled";
+
   Semaphore mutex(1);
   long counter = 0;  // guarded only by the semaphore
   std::vector<std::thread> threads;
@@ -114,149 +104,107 @@ TEST(Semaphore, AsAMutexItKeepsThreadsOutOfEachOthersWay) {
   EXPECT_EQ(counter, 8 * 2000);
 }
 
-TEST(Semaphore, WakesAWaiterBlockedOnAnotherThread) {
-  Semaphore semaphore;
-  std::atomic<bool> woke{false};
-  // A bounded wait, so a lost signal shows as a failure instead of a hang.
-  std::thread waiter([&] { woke = semaphore.wait(std::chrono::seconds(30)); });
-  semaphore.signal();
-  waiter.join();
-  EXPECT_TRUE(woke.load()) << "the wait ran out instead of being signalled";
-}
-
-// --- DispatchTimer --------------------------------------------------------------------------
-
 class TimerTest : public ::testing::Test {
  protected:
-  // Records ticks and other events in the order their blocks ran.
-  void add(std::string event) {
-    std::lock_guard lock(mutex_);
-    events_.push_back(std::move(event));
-  }
-  std::vector<std::string> events() {
-    std::lock_guard lock(mutex_);
-    return events_;
-  }
-  int ticks() {
-    std::lock_guard lock(mutex_);
-    return static_cast<int>(std::count(events_.begin(), events_.end(), "tick"));
+  std::shared_ptr<DispatchTimer> timer(std::string event, Duration interval = 1s,
+                                       bool repeating = true) {
+    return DispatchTimer::create(
+        queue_, interval, 0ms, [this, event] { log_.add(event); }, repeating);
   }
 
   ScopedVirtualClock clock_;
   DispatchQueuePtr queue_ = DispatchQueue::create("io.sonorell.timer");
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> events_;
+  testing::Log log_;
 };
 
-TEST_F(TimerTest, DoesNothingUntilResumedThenTicksOneIntervalLater) {
-  auto timer = DispatchTimer::create(queue_, 1s, 0ms, [&] { add("tick"); });
+TEST_F(TimerTest, TicksEachIntervalOnItsQueueOnceResumedAndAFiveMinuteAfterNeedsNoWaiting) {
+  std::vector<Duration> tickTimes;  // written by blocks on queue_ only
+  bool allOnQueue = true;
+  MonoTime start = clock_->now();
+  auto t = DispatchTimer::create(queue_, 1s, 100ms, [&] {
+    tickTimes.push_back(clock_->now() - start);
+    allOnQueue &= DispatchQueue::current() == queue_.get();
+    log_.add("tick");
+  });
   clock_->advance(5s);
-  EXPECT_EQ(ticks(), 0);
+  EXPECT_TRUE(log_.events().empty()) << "ticked before it was resumed";
   EXPECT_EQ(clock_->pendingTimerCount(), 0u);
 
-  timer->resume();
-  clock_->advance(999ms);
-  EXPECT_EQ(ticks(), 0);
-  clock_->advance(1ms);
-  EXPECT_EQ(ticks(), 1);
-  clock_->advance(1s);
-  EXPECT_EQ(ticks(), 2);
-  timer->resume();  // resuming a running timer does not arm it twice
-  clock_->advance(1s);
-  EXPECT_EQ(ticks(), 3);
-  timer->cancel();
-}
-
-TEST_F(TimerTest, HandlerRunsOnTheTimersQueue) {
-  DispatchQueue* ranOn = nullptr;
-  auto timer = DispatchTimer::create(queue_, 1s, 100ms, [&] { ranOn = DispatchQueue::current(); });
-  timer->resume();
-  clock_->advance(1s);
-  EXPECT_EQ(ranOn, queue_.get());
-  timer->cancel();
-}
-
-TEST_F(TimerTest, ASecondTimerAndAFiveMinuteAfterFireInOrderWithoutWaiting) {
-  std::vector<Duration> tickTimes;  // written by blocks on queue_ only
-  const MonoTime start = clock_->now();
-  auto timer = DispatchTimer::create(queue_, 1s, 0ms, [&] {
-    tickTimes.push_back(clock_->now() - start);
-    add("tick");
-  });
-  timer->resume();
-  queue_->after(300s, [&] { add("flush"); });
-
+  start = clock_->now();
+  t->resume();
+  t->resume();  // resuming a running timer does not arm it twice
+  queue_->after(300s, [&] { log_.add("flush"); });
   const auto realStart = std::chrono::steady_clock::now();
   clock_->advance(300s);
   EXPECT_LT(std::chrono::steady_clock::now() - realStart, 60s) << "virtual time waited for real";
 
-  std::vector<std::string> expected(300, "tick");
+  Events expected(300, "tick");
   expected.push_back("flush");
-  EXPECT_EQ(events(), expected);
+  EXPECT_EQ(log_.events(), expected);
   ASSERT_EQ(tickTimes.size(), 300u);
   for (size_t i = 0; i < tickTimes.size(); ++i) {
     EXPECT_EQ(tickTimes[i], std::chrono::seconds(i + 1)) << "tick " << i;
   }
-  timer->cancel();
+  EXPECT_TRUE(allOnQueue);
+  t->cancel();
   EXPECT_EQ(clock_->pendingTimerCount(), 0u);
 }
 
-TEST_F(TimerTest, CancelStopsFurtherTicks) {
-  auto timer = DispatchTimer::create(queue_, 1s, 0ms, [&] { add("tick"); });
-  timer->resume();
-  clock_->advance(3s);
-  EXPECT_EQ(ticks(), 3);
-  timer->cancel();
-  EXPECT_TRUE(timer->isCancelled());
-  EXPECT_EQ(clock_->pendingTimerCount(), 0u);
-  clock_->advance(10s);
-  EXPECT_EQ(ticks(), 3);
-  timer->resume();  // a cancelled timer stays cancelled
-  clock_->advance(10s);
-  EXPECT_EQ(ticks(), 3);
-}
-
-TEST_F(TimerTest, CancelFromItsOwnHandlerStopsTheNextTick) {
-  std::shared_ptr<DispatchTimer> timer;
-  timer = DispatchTimer::create(queue_, 1s, 0ms, [&] {
-    add("tick");
-    if (ticks() == 2) timer->cancel();
+TEST_F(TimerTest, CancelledDestroyedAndOneShotTimersTickNoMore) {
+  auto cancelled = timer("cancelled");
+  auto destroyed = timer("destroyed");
+  auto oneShot = timer("one shot", 5s, false);
+  std::shared_ptr<DispatchTimer> selfCancelling;
+  selfCancelling = DispatchTimer::create(queue_, 1s, 0ms, [&] {
+    log_.add("self");
+    if (log_.count("self") == 2) selfCancelling->cancel();
   });
-  timer->resume();
-  clock_->advance(10s);
-  EXPECT_EQ(ticks(), 2);
+  auto ticks = [&] {
+    return std::vector<int>{log_.count("cancelled"), log_.count("destroyed"), log_.count("self"),
+                            log_.count("one shot")};
+  };
+  for (auto* t : {&cancelled, &destroyed, &oneShot, &selfCancelling}) (*t)->resume();
+  clock_->advance(3s);
+  EXPECT_EQ(ticks(), (std::vector<int>{3, 3, 2, 0}));
+
+  cancelled->cancel();
+  EXPECT_TRUE(cancelled->isCancelled());
+  destroyed.reset();
+  EXPECT_EQ(clock_->pendingTimerCount(), 1u) << "only the one-shot timer may still be armed";
+  cancelled->resume();  // a cancelled timer stays cancelled
+  clock_->advance(60s);
+  EXPECT_EQ(ticks(), (std::vector<int>{3, 3, 2, 1}));
+  EXPECT_EQ(clock_->pendingTimerCount(), 0u);
 }
 
 // A clock that fires everything scheduled when told to, without waiting for queues to drain, so
 // several ticks can sit in a queue at once.
 class ManualClock : public Clock {
  public:
-  MonoTime now() const override { return MonoTime{}; }
-  WallTime wallNow() const override { return WallTime{}; }
+  MonoTime now() const override { return {}; }
+  WallTime wallNow() const override { return {}; }
   TimerId schedule(MonoTime, std::function<void()> fire) override {
     std::lock_guard lock(mutex_);
-    timers_.emplace_back(++lastId_, std::move(fire));
+    timers_[++lastId_] = std::move(fire);
     return lastId_;
   }
   void cancel(TimerId id) override {
     std::lock_guard lock(mutex_);
-    std::erase_if(timers_, [id](const auto& timer) { return timer.first == id; });
+    timers_.erase(id);
   }
   void fireAll() {
-    std::vector<std::pair<TimerId, std::function<void()>>> due;
+    std::map<TimerId, std::function<void()>> due;
     {
       std::lock_guard lock(mutex_);
       due.swap(timers_);
     }
-    for (auto& timer : due) timer.second();
+    for (auto& [id, fire] : due) fire();
   }
 
  private:
   std::mutex mutex_;
   TimerId lastId_ = 0;
-  std::vector<std::pair<TimerId, std::function<void()>>> timers_;
+  std::map<TimerId, std::function<void()>> timers_;
 };
 
 TEST(DispatchTimer, ATickAlreadyQueuedIsDroppedWhenCancelledFirstOnItsQueue) {
@@ -264,7 +212,7 @@ TEST(DispatchTimer, ATickAlreadyQueuedIsDroppedWhenCancelledFirstOnItsQueue) {
   auto previous = Clock::current();
   Clock::setCurrent(clock);
   auto queue = DispatchQueue::create("io.sonorell.timer");
-  std::vector<std::string> events;  // touched only by blocks on `queue`
+  Events events;  // touched only by blocks on `queue`
   std::shared_ptr<DispatchTimer> second;
   auto first = DispatchTimer::create(queue, 1s, 0ms, [&] {
     events.push_back("first");
@@ -279,36 +227,14 @@ TEST(DispatchTimer, ATickAlreadyQueuedIsDroppedWhenCancelledFirstOnItsQueue) {
   clock->fireAll();
   gate.open();
   ASSERT_TRUE(DispatchQueue::waitUntilAllIdle(20s));
-  EXPECT_EQ(events, (std::vector<std::string>{"first"}));
+  EXPECT_EQ(events, (Events{"first"}));
 
   // The first timer re-armed; the cancelled one did not.
   clock->fireAll();
   ASSERT_TRUE(DispatchQueue::waitUntilAllIdle(20s));
-  EXPECT_EQ(events, (std::vector<std::string>{"first", "first"}));
+  EXPECT_EQ(events, (Events{"first", "first"}));
   first->cancel();
   Clock::setCurrent(previous);
-}
-
-TEST_F(TimerTest, ADestroyedTimerNeverTicksAgain) {
-  auto timer = DispatchTimer::create(queue_, 1s, 0ms, [&] { add("tick"); });
-  timer->resume();
-  clock_->advance(2s);
-  EXPECT_EQ(ticks(), 2);
-  timer.reset();
-  clock_->advance(10s);
-  EXPECT_EQ(ticks(), 2);
-  EXPECT_EQ(clock_->pendingTimerCount(), 0u);
-}
-
-TEST_F(TimerTest, AOneShotTimerTicksOnce) {
-  auto timer = DispatchTimer::create(
-      queue_, 5s, 0ms, [&] { add("tick"); }, false);
-  timer->resume();
-  clock_->advance(4s);
-  EXPECT_EQ(ticks(), 0);
-  clock_->advance(60s);
-  EXPECT_EQ(ticks(), 1);
-  EXPECT_EQ(clock_->pendingTimerCount(), 0u);
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -21,84 +20,40 @@ using namespace std::chrono_literals;
 using testing::Barrier;
 using testing::Gate;
 
-TEST(SerialQueue, KeepsEachProducersOrderWhenManyThreadsSubmit) {
+TEST(SerialQueue, RunsOneBlockAtATimeInEachProducersOrderWithSyncCallersMixedIn) {
   auto queue = DispatchQueue::create("io.sonorell.test");
   constexpr int kProducers = 8;
   constexpr int kBlocks = 400;
-  std::vector<std::pair<int, int>> ran;  // touched only by blocks on `queue`
+  std::vector<std::pair<int, int>> ran;  // unsynchronised on purpose: the queue is the only guard
+  std::atomic<int> inside{0};
+  std::atomic<int> most{0};
   std::vector<std::thread> producers;
   for (int p = 0; p < kProducers; ++p) {
     producers.emplace_back([&, p] {
-      for (int i = 0; i < kBlocks; ++i) queue->async([&ran, p, i] { ran.emplace_back(p, i); });
+      for (int i = 0; i < kBlocks; ++i) {
+        auto block = [&, p, i] {
+          testing::raiseTo(most, ++inside);
+          ran.emplace_back(p, i);
+          std::this_thread::yield();
+          --inside;
+        };
+        if ((i + p) % 3 == 0) {
+          queue->sync(block);
+        } else {
+          queue->async(block);
+        }
+      }
     });
   }
   for (auto& t : producers) t.join();
   ASSERT_TRUE(DispatchQueue::waitUntilAllIdle(20s));
-
+  EXPECT_EQ(most.load(), 1);
   ASSERT_EQ(ran.size(), size_t{kProducers * kBlocks});
   std::vector<int> next(kProducers, 0);
   for (auto [p, i] : ran) {
     ASSERT_EQ(i, next[p]) << "producer " << p << " ran out of order";
     ++next[p];
   }
-}
-
-TEST(SerialQueue, NeverRunsTwoBlocksAtOnceEvenWithSyncCallersMixedIn) {
-  auto queue = DispatchQueue::create("io.sonorell.test");
-  std::atomic<int> inside{0};
-  std::atomic<int> maxInside{0};
-  int plainCounter = 0;  // unsynchronised on purpose: the queue is the only guard
-  auto body = [&] {
-    int now = ++inside;
-    int seen = maxInside.load();
-    while (now > seen && !maxInside.compare_exchange_weak(seen, now)) {
-    }
-    ++plainCounter;
-    std::this_thread::yield();
-    --inside;
-  };
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 6; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 300; ++i) {
-        if ((i + t) % 3 == 0) {
-          queue->sync(body);
-        } else {
-          queue->async(body);
-        }
-      }
-    });
-  }
-  for (auto& t : threads) t.join();
-  ASSERT_TRUE(DispatchQueue::waitUntilAllIdle(20s));
-  EXPECT_EQ(maxInside.load(), 1);
-  queue->sync([&] { EXPECT_EQ(plainCounter, 6 * 300); });
-}
-
-TEST(SerialQueue, PendingBlocksRunAfterTheLastReferenceIsDropped) {
-  std::atomic<int> ran{0};
-  Gate gate;
-  {
-    auto queue = DispatchQueue::create("io.sonorell.test");
-    queue->async([&] { gate.waitOpen(); });
-    for (int i = 0; i < 50; ++i) queue->async([&] { ++ran; });
-  }
-  gate.open();
-  ASSERT_TRUE(DispatchQueue::waitUntilAllIdle(20s));
-  EXPECT_EQ(ran.load(), 50);
-}
-
-TEST(Sync, RunsOnTheCallersThreadWhenTheQueueIsFree) {
-  auto queue = DispatchQueue::create("io.sonorell.test");
-  std::thread::id ranOn;
-  DispatchQueue* currentInside = nullptr;
-  queue->sync([&] {
-    ranOn = std::this_thread::get_id();
-    currentInside = DispatchQueue::current();
-  });
-  EXPECT_EQ(ranOn, std::this_thread::get_id());
-  EXPECT_EQ(currentInside, queue.get());
-  EXPECT_EQ(DispatchQueue::current(), nullptr);
 }
 
 TEST(Sync, WaitsBehindQueuedBlocksAndHoldsTheQueueWhileItRuns) {
@@ -133,18 +88,6 @@ TEST(Sync, WaitsBehindQueuedBlocksAndHoldsTheQueueWhileItRuns) {
   ASSERT_TRUE(DispatchQueue::waitUntilAllIdle(20s));
   EXPECT_FALSE(laterRanDuringSync);
   EXPECT_EQ(order, (std::vector<std::string>{"first", "second", "sync", "later"}));
-}
-
-TEST(Sync, FromABlockOnTheSameQueueRunsInline) {
-  auto queue = DispatchQueue::create("io.sonorell.test");
-  Gate done;
-  bool innerRan = false;
-  queue->async([&] {
-    queue->sync([&] { innerRan = true; });
-    done.open();
-  });
-  ASSERT_TRUE(done.waitOpen(10s)) << "sync onto its own queue deadlocked";
-  EXPECT_TRUE(innerRan);
 }
 
 TEST(Sync, ManyQueuesBlockedWhileSyncingOntoOneSharedQueueAllFinish) {
@@ -192,90 +135,88 @@ TEST(Sync, ChainsOfSyncsAcrossQueuesFromManyThreadsComplete) {
   EXPECT_EQ(done.load(), 16 * 50 * 2);
 }
 
-TEST(Current, NamesTheRunningQueueAndIsRestoredAfterNestedSyncs) {
-  auto outer = DispatchQueue::create("io.sonorell.outer");
-  auto inner = DispatchQueue::create("io.sonorell.inner");
-  DispatchQueue* inAsync = nullptr;
-  DispatchQueue* inNestedSync = nullptr;
-  DispatchQueue* afterNestedSync = nullptr;
-  bool outerIsCurrent = false;
-  bool innerIsCurrentInOuter = true;
-  outer->async([&] {
-    inAsync = DispatchQueue::current();
-    outerIsCurrent = outer->isCurrent();
-    innerIsCurrentInOuter = inner->isCurrent();
-    inner->sync([&] { inNestedSync = DispatchQueue::current(); });
-    afterNestedSync = DispatchQueue::current();
+TEST(Current, NamesTheRunningQueueOnItsNamedThreadThroughNestedSyncsThatRunInline) {
+  auto a = DispatchQueue::create("io.sonorell.database");
+  auto b = DispatchQueue::create("short");
+  // From a free queue, sync runs on the caller's own thread.
+  std::thread::id ranOn;
+  DispatchQueue* inSync = nullptr;
+  a->sync([&] {
+    ranOn = std::this_thread::get_id();
+    inSync = DispatchQueue::current();
   });
-  ASSERT_TRUE(DispatchQueue::waitUntilAllIdle(20s));
-  EXPECT_EQ(inAsync, outer.get());
-  EXPECT_TRUE(outerIsCurrent);
-  EXPECT_FALSE(innerIsCurrentInOuter);
-  EXPECT_EQ(inNestedSync, inner.get());
-  EXPECT_EQ(afterNestedSync, outer.get());
+  EXPECT_EQ(ranOn, std::this_thread::get_id());
+  EXPECT_EQ(inSync, a.get());
   EXPECT_EQ(DispatchQueue::current(), nullptr);
-}
 
-TEST(Current, ASyncBackOntoAnOuterQueueRunsInlineAsThatQueue) {
-  auto a = DispatchQueue::create("io.sonorell.a");
-  auto b = DispatchQueue::create("io.sonorell.b");
   std::vector<DispatchQueue*> seen;
+  bool aIsCurrent = false;
+  bool bIsCurrent = true;
+  std::string aThread;
+  std::string bThread;
   Gate done;
   a->async([&] {
+    aThread = testing::currentThreadName();
+    aIsCurrent = a->isCurrent();
+    bIsCurrent = b->isCurrent();
+    seen.push_back(DispatchQueue::current());
+    a->sync([&] { seen.push_back(DispatchQueue::current()); });  // its own queue
     b->sync([&] {
-      a->sync([&] { seen.push_back(DispatchQueue::current()); });
+      seen.push_back(DispatchQueue::current());
+      a->sync([&] { seen.push_back(DispatchQueue::current()); });  // back onto the outer one
       seen.push_back(DispatchQueue::current());
     });
     seen.push_back(DispatchQueue::current());
     done.open();
   });
-  ASSERT_TRUE(done.waitOpen(10s)) << "syncing back onto a held queue deadlocked";
-  EXPECT_EQ(seen, (std::vector<DispatchQueue*>{a.get(), b.get(), a.get()}));
-}
-
-TEST(ThreadNames, AWorkerCarriesTheQueueLabelCutToFifteenCharacters) {
-  auto database = DispatchQueue::create("io.sonorell.database");
-  auto shortName = DispatchQueue::create("short");
-  std::string first;
-  std::string second;
-  database->async([&] { first = testing::currentThreadName(); });
-  shortName->async([&] { second = testing::currentThreadName(); });
+  b->async([&] { bThread = testing::currentThreadName(); });
+  ASSERT_TRUE(done.waitOpen(10s)) << "a sync onto a held queue deadlocked";
   ASSERT_TRUE(DispatchQueue::waitUntilAllIdle(20s));
-  EXPECT_EQ(first, "io.sonorell.dat");
-  EXPECT_EQ(second, "short");
-  EXPECT_EQ(database->label(), "io.sonorell.database");
+  EXPECT_EQ(seen,
+            (std::vector<DispatchQueue*>{a.get(), a.get(), b.get(), a.get(), b.get(), a.get()}));
+  EXPECT_TRUE(aIsCurrent);
+  EXPECT_FALSE(bIsCurrent);
+  // Thread names carry the label, cut to the fifteen characters Linux allows.
+  EXPECT_EQ(aThread, "io.sonorell.dat");
+  EXPECT_EQ(bThread, "short");
+  EXPECT_EQ(a->label(), "io.sonorell.database");
 }
 
-TEST(Idle, WaitUntilAllIdleCoversBlocksThatQueueMoreWork) {
-  auto a = DispatchQueue::create("io.sonorell.a");
-  auto b = DispatchQueue::create("io.sonorell.b");
-  std::atomic<int> finished{0};
-  for (int i = 0; i < 100; ++i) {
-    a->async([&] { b->async([&] { a->async([&] { ++finished; }); }); });
-  }
-  ASSERT_TRUE(DispatchQueue::waitUntilAllIdle(20s));
-  EXPECT_EQ(finished.load(), 100);
-}
-
-TEST(Idle, WaitUntilAllIdleTimesOutWhileABlockRuns) {
-  auto queue = DispatchQueue::create("io.sonorell.test");
+TEST(Idle, WaitUntilAllIdleCoversDroppedQueuesAndTheWorkTheirBlocksQueue) {
+  auto other = DispatchQueue::create("io.sonorell.other");
+  std::atomic<int> ran{0};
   Gate gate;
-  queue->async([&] { gate.waitOpen(); });
+  {
+    auto queue = DispatchQueue::create("io.sonorell.test");
+    queue->async([&] { gate.waitOpen(); });
+    for (int i = 0; i < 50; ++i) {
+      queue->async([&] { other->async([&] { other->async([&] { ++ran; }); }); });
+    }
+  }
   EXPECT_FALSE(DispatchQueue::waitUntilAllIdle(30ms));
   gate.open();
-  EXPECT_TRUE(DispatchQueue::waitUntilAllIdle(20s));
+  ASSERT_TRUE(DispatchQueue::waitUntilAllIdle(20s));
+  EXPECT_EQ(ran.load(), 50);
 }
 
-TEST(Pool, IdleWorkersRetire) {
+TEST(Pool, GroupedBlocksCountUntilTheyFinishAndIdleWorkersThenRetire) {
   auto& pool = dispatch_internal::ThreadPool::shared();
   pool.setIdleTimeoutForTesting(20ms);
   constexpr int kQueues = 4;
   Barrier together(kQueues);
+  Gate gate;
+  auto group = DispatchGroup::create();
   std::vector<DispatchQueuePtr> queues;
   for (int i = 0; i < kQueues; ++i) {
     queues.push_back(DispatchQueue::create("io.sonorell.q"));
-    queues.back()->async([&] { together.arriveAndWait(); });
+    queues.back()->async(group, [&] {
+      together.arriveAndWait();
+      gate.waitOpen();
+    });
   }
+  EXPECT_FALSE(group->wait(20ms));
+  gate.open();
+  ASSERT_TRUE(group->wait(20s));
   ASSERT_TRUE(DispatchQueue::waitUntilAllIdle(20s));
   EXPECT_GE(pool.threadCountForTesting(), size_t{kQueues});
   EXPECT_TRUE(pool.waitForThreadCountForTesting(0, 10s));
@@ -284,24 +225,6 @@ TEST(Pool, IdleWorkersRetire) {
   queues[0]->async([&] { ran = true; });
   ASSERT_TRUE(DispatchQueue::waitUntilAllIdle(20s));
   EXPECT_TRUE(ran.load());
-}
-
-TEST(Groups, AsyncWithAGroupEntersAndLeavesIt) {
-  auto group = DispatchGroup::create();
-  std::atomic<int> ran{0};
-  Gate gate;
-  std::vector<DispatchQueuePtr> queues;
-  for (int i = 0; i < 8; ++i) {
-    queues.push_back(DispatchQueue::create("io.sonorell.q"));
-    queues.back()->async(group, [&] {
-      gate.waitOpen();
-      ++ran;
-    });
-  }
-  EXPECT_FALSE(group->wait(20ms));
-  gate.open();
-  ASSERT_TRUE(group->wait(20s));
-  EXPECT_EQ(ran.load(), 8);
 }
 
 }  // namespace

@@ -4,10 +4,13 @@
 
 #include <pthread.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace sonorell::testing {
 
@@ -22,10 +25,6 @@ class Gate {
   bool waitOpen(std::chrono::milliseconds limit = std::chrono::seconds{20}) {
     std::unique_lock lock(mutex_);
     return cv_.wait_for(lock, limit, [this] { return open_; });
-  }
-  bool isOpen() {
-    std::lock_guard lock(mutex_);
-    return open_;
   }
 
  private:
@@ -50,6 +49,34 @@ class Barrier {
   const int count_;
   int arrived_ = 0;
 };
+
+// Records labelled events from any thread.
+class Log {
+ public:
+  void add(std::string event) {
+    std::lock_guard lock(mutex_);
+    events_.push_back(std::move(event));
+  }
+  std::vector<std::string> events() {
+    std::lock_guard lock(mutex_);
+    return events_;
+  }
+  int count(const std::string& event) {
+    std::lock_guard lock(mutex_);
+    return static_cast<int>(std::count(events_.begin(), events_.end(), event));
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> events_;
+};
+
+// Raises `most` to `now` when it is lower: the high-water mark of a count shared by threads.
+inline void raiseTo(std::atomic<int>& most, int now) {
+  int seen = most.load();
+  while (now > seen && !most.compare_exchange_weak(seen, now)) {
+  }
+}
 
 inline std::string currentThreadName() {
   char name[32] = {};

@@ -16,9 +16,8 @@ namespace sonorell {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::Gate;
 
-TEST(MainQueue, ByDefaultAnEngineThreadServesItOnFirstUse) {
+TEST(MainQueue, ByDefaultAnEngineThreadServesItInOrderAndSyncsReachIt) {
   EXPECT_FALSE(DispatchQueue::isMainThread());
   std::thread::id ranOn;
   bool wasMain = false;
@@ -30,6 +29,28 @@ TEST(MainQueue, ByDefaultAnEngineThreadServesItOnFirstUse) {
     threadName = testing::currentThreadName();
     current = DispatchQueue::current();
   });
+  std::vector<int> order;  // touched only on the main queue
+  for (int i = 0; i < 200; ++i) DispatchQueue::main()->async([&order, i] { order.push_back(i); });
+
+  // A sync from another thread runs on the main thread and returns after it ran; a sync from
+  // the main thread onto its own queue runs inline.
+  std::vector<int> seen;
+  bool syncOnMain = false;
+  bool nestedOnMain = false;
+  std::thread([&] {
+    DispatchQueue::main()->sync([&] {
+      syncOnMain = DispatchQueue::isMainThread();
+      DispatchQueue::main()->sync([&] {
+        nestedOnMain = DispatchQueue::isMainThread();
+        seen = order;
+      });
+    });
+    EXPECT_EQ(seen.size(), 200u) << "sync returned before its block ran";
+  }).join();
+  EXPECT_TRUE(syncOnMain);
+  EXPECT_TRUE(nestedOnMain);
+  ASSERT_EQ(seen.size(), 200u);
+  for (int i = 0; i < 200; ++i) EXPECT_EQ(seen[i], i);
   ASSERT_TRUE(DispatchQueue::waitUntilAllIdle(20s));
   EXPECT_NE(ranOn, std::this_thread::get_id());
   EXPECT_TRUE(wasMain);
@@ -41,46 +62,6 @@ TEST(MainQueue, ByDefaultAnEngineThreadServesItOnFirstUse) {
   DispatchQueue::runMain();
   EXPECT_EQ(DispatchQueue::pumpMain(), 0u);
   EXPECT_FALSE(DispatchQueue::isMainThread());
-}
-
-TEST(MainQueue, KeepsSubmissionOrder) {
-  std::vector<int> order;  // touched only on the main queue
-  for (int i = 0; i < 200; ++i) DispatchQueue::main()->async([&order, i] { order.push_back(i); });
-  std::vector<int> seen;
-  DispatchQueue::main()->sync([&] { seen = order; });
-  ASSERT_EQ(seen.size(), 200u);
-  for (int i = 0; i < 200; ++i) EXPECT_EQ(seen[i], i);
-}
-
-TEST(MainQueue, SyncFromAnotherThreadRunsOnTheMainThreadAndWaits) {
-  bool onMain = false;
-  bool ranBeforeReturn = false;
-  std::thread([&] {
-    DispatchQueue::main()->sync([&] {
-      onMain = DispatchQueue::isMainThread();
-      ranBeforeReturn = true;
-    });
-    EXPECT_TRUE(ranBeforeReturn);
-  }).join();
-  EXPECT_TRUE(onMain);
-}
-
-TEST(MainQueue, SyncFromTheMainThreadRunsInline) {
-  Gate done;
-  bool innerRan = false;
-  bool innerOnMain = false;
-  DispatchQueue::main()->async([&] {
-    DispatchQueue::main()->sync([&] {
-      DispatchQueue::main()->sync([&] {
-        innerRan = true;
-        innerOnMain = DispatchQueue::isMainThread();
-      });
-    });
-    done.open();
-  });
-  ASSERT_TRUE(done.waitOpen(10s)) << "sync onto the main queue from itself deadlocked";
-  EXPECT_TRUE(innerRan);
-  EXPECT_TRUE(innerOnMain);
 }
 
 TEST(MainQueue, AHostAdoptsItWithRunMainUntilStopMain) {
@@ -128,50 +109,38 @@ TEST(MainQueue, RunMainAsTheFirstUseAdoptsAndAStopFromAnyThreadEndsIt) {
   EXPECT_TRUE(onMain);
 }
 
-TEST(MainQueue, AHostPumpsOnlyWhatIsQueuedAtThatMoment) {
+TEST(MainQueue, AnAdoptingHostPumpsOnlyWhatIsQueuedAndNoOtherThreadCanPump) {
   EXPECT_EQ(DispatchQueue::pumpMain(), 0u);  // adopts the queue
   EXPECT_TRUE(DispatchQueue::isMainThread());
   std::vector<std::string> order;  // touched only on the main queue (this thread)
+  size_t pumpedElsewhere = 99;
   std::thread([&] {
     DispatchQueue::main()->async([&] {
       order.push_back("a");
       DispatchQueue::main()->async([&] { order.push_back("queued by a"); });
     });
     DispatchQueue::main()->async([&] { order.push_back("b"); });
+    pumpedElsewhere = DispatchQueue::pumpMain();
   }).join();
+  EXPECT_EQ(pumpedElsewhere, 0u);
   EXPECT_TRUE(order.empty());
   EXPECT_EQ(DispatchQueue::pumpMain(), 2u);
   EXPECT_EQ(order, (std::vector<std::string>{"a", "b"}));
   EXPECT_EQ(DispatchQueue::pumpMain(), 1u);
   EXPECT_EQ(order, (std::vector<std::string>{"a", "b", "queued by a"}));
   EXPECT_TRUE(DispatchQueue::waitUntilAllIdle(0ms));
-}
 
-TEST(MainQueue, SyncFromAnotherThreadWaitsUntilTheHostPumps) {
-  DispatchQueue::pumpMain();
+  // A sync from another thread returns once the host has pumped its block.
   std::atomic<bool> returned{false};
   std::thread caller([&] {
     DispatchQueue::main()->sync([] {});
     returned = true;
   });
-  // Pump until the caller's block has come through; it can only run inside a pump.
   size_t pumped = 0;
   while (pumped == 0) pumped = DispatchQueue::pumpMain();
   caller.join();
   EXPECT_EQ(pumped, 1u);
   EXPECT_TRUE(returned.load());
-}
-
-TEST(MainQueue, AnotherThreadCannotTakeItFromTheAdoptingHost) {
-  EXPECT_EQ(DispatchQueue::pumpMain(), 0u);
-  std::atomic<bool> ran{false};
-  DispatchQueue::main()->async([&] { ran = true; });
-  size_t pumpedElsewhere = 99;
-  std::thread([&] { pumpedElsewhere = DispatchQueue::pumpMain(); }).join();
-  EXPECT_EQ(pumpedElsewhere, 0u);
-  EXPECT_FALSE(ran.load());
-  EXPECT_EQ(DispatchQueue::pumpMain(), 1u);
-  EXPECT_TRUE(ran.load());
 }
 
 }  // namespace

@@ -17,36 +17,38 @@ namespace {
 using namespace std::chrono_literals;
 using testing::Barrier;
 using testing::Gate;
+using Key = Operation::StateKey;
+using Ops = std::vector<OperationPtr>;
 
 struct Change {
-  Operation::StateKey key;
+  Key key;
   bool executing;
   bool finished;
   bool operator==(const Change&) const = default;
 };
+using Changes = std::vector<Change>;
+const Changes kRanAndFinished = {
+    {Key::Executing, true, false}, {Key::Executing, false, true}, {Key::Finished, false, true}};
+const Changes kCancelledUnstarted = {{Key::Cancelled, false, false}, {Key::Finished, false, true}};
 
 // Records every state change an operation reports, with the state seen at that moment.
 class ChangeRecorder {
  public:
-  void attach(Operation& op) {
-    op.addStateObserver([this](Operation& changed, Operation::StateKey key) {
+  explicit ChangeRecorder(Operation& op) {
+    op.addStateObserver([this](Operation& changed, Key key) {
       std::lock_guard lock(mutex_);
       changes_.push_back({key, changed.isExecuting(), changed.isFinished()});
     });
   }
-  std::vector<Change> changes() {
+  Changes changes() {
     std::lock_guard lock(mutex_);
     return changes_;
   }
 
  private:
   std::mutex mutex_;
-  std::vector<Change> changes_;
+  Changes changes_;
 };
-
-using Key = Operation::StateKey;
-
-// --- Operation on its own -------------------------------------------------------------------
 
 TEST(Operation, StartRunsMainOnTheCallersThreadThenFinishesOnce) {
   std::thread::id ranOn;
@@ -60,8 +62,9 @@ TEST(Operation, StartRunsMainOnTheCallersThreadThenFinishesOnce) {
     EXPECT_TRUE(op->isFinished());
     ++completions;
   });
-  ChangeRecorder recorder;
-  recorder.attach(*op);
+  ChangeRecorder recorder(*op);
+  int removedCalls = 0;
+  op->removeStateObserver(op->addStateObserver([&](Operation&, Key) { ++removedCalls; }));
   EXPECT_FALSE(op->isExecuting());
   EXPECT_FALSE(op->isFinished());
 
@@ -72,46 +75,8 @@ TEST(Operation, StartRunsMainOnTheCallersThreadThenFinishesOnce) {
   EXPECT_EQ(completions, 1);
   EXPECT_TRUE(op->isFinished());
   EXPECT_FALSE(op->isExecuting());
-  EXPECT_EQ(recorder.changes(), (std::vector<Change>{{Key::Executing, true, false},
-                                                     {Key::Executing, false, true},
-                                                     {Key::Finished, false, true}}));
-}
-
-TEST(Operation, CancelledBeforeStartFinishesWithoutRunningMain) {
-  bool ran = false;
-  auto op = std::make_shared<BlockOperation>([&] { ran = true; });
-  ChangeRecorder recorder;
-  recorder.attach(*op);
-  op->cancel();
-  op->cancel();  // reported once
-  op->start();
-  EXPECT_FALSE(ran);
-  EXPECT_TRUE(op->isCancelled());
-  EXPECT_TRUE(op->isFinished());
-  EXPECT_EQ(recorder.changes(),
-            (std::vector<Change>{{Key::Cancelled, false, false}, {Key::Finished, false, true}}));
-}
-
-TEST(Operation, RemovedObserversHearNothingMore) {
-  auto op = std::make_shared<BlockOperation>([] {});
-  int calls = 0;
-  auto token = op->addStateObserver([&](Operation&, Key) { ++calls; });
-  op->removeStateObserver(token);
-  op->start();
-  EXPECT_EQ(calls, 0);
-}
-
-TEST(Operation, WaitUntilFinishedReturnsAfterTheCompletionBlockOnAnotherThread) {
-  Gate gate;
-  std::atomic<bool> completed{false};
-  auto op = std::make_shared<BlockOperation>([&] { gate.waitOpen(); });
-  op->setCompletionBlock([&] { completed = true; });
-  std::thread runner([&] { op->start(); });
-  gate.open();
-  op->waitUntilFinished();
-  EXPECT_TRUE(op->isFinished());
-  EXPECT_TRUE(completed.load());
-  runner.join();
+  EXPECT_EQ(recorder.changes(), kRanAndFinished);
+  EXPECT_EQ(removedCalls, 0) << "a removed observer still heard the changes";
 }
 
 // An operation that finishes later, from another thread, the way a network transfer would.
@@ -137,8 +102,7 @@ class LaterOperation : public Operation {
 TEST(Operation, AnAsynchronousOperationStaysExecutingUntilItSaysItFinished) {
   auto queue = OperationQueue::create("io.sonorell.ops");
   auto op = std::make_shared<LaterOperation>();
-  ChangeRecorder recorder;
-  recorder.attach(*op);
+  ChangeRecorder recorder(*op);
   std::atomic<int> completions{0};
   op->setCompletionBlock([&] { ++completions; });
   queue->addOperation(op);
@@ -150,118 +114,58 @@ TEST(Operation, AnAsynchronousOperationStaysExecutingUntilItSaysItFinished) {
 
   op->finishFromElsewhere();
   op->waitUntilFinished();
+  EXPECT_EQ(completions.load(), 1) << "waitUntilFinished returned before the completion block";
+  EXPECT_TRUE(op->isFinished());
   queue->waitUntilAllOperationsAreFinished();
   EXPECT_EQ(queue->operationCount(), 0u);
-  EXPECT_EQ(completions.load(), 1);
-  EXPECT_EQ(recorder.changes(), (std::vector<Change>{{Key::Executing, true, false},
-                                                     {Key::Executing, false, true},
-                                                     {Key::Finished, false, true}}));
+  EXPECT_EQ(recorder.changes(), kRanAndFinished);
 }
 
-// --- OperationQueue -------------------------------------------------------------------------
-
-TEST(OperationQueue, RunsOperationsConcurrentlyByDefault) {
-  auto queue = OperationQueue::create("io.sonorell.ops");
-  constexpr int kOps = 12;
-  Barrier allRunning(kOps);
-  std::atomic<int> metTogether{0};
-  for (int i = 0; i < kOps; ++i) {
-    queue->addOperation([&] {
-      if (allRunning.arriveAndWait()) ++metTogether;
-    });
+TEST(OperationQueue, RunsAllAtOnceByDefaultAndOneAtATimeInAddOrderUnderALimitOfOne) {
+  // No limit by default, and raising a limit to none starts the operations waiting under it.
+  for (const bool limited : {false, true}) {
+    auto queue = OperationQueue::create("io.sonorell.ops");
+    if (limited) queue->setMaxConcurrentOperationCount(1);
+    constexpr int kOps = 12;
+    Barrier allRunning(kOps);
+    std::atomic<int> metTogether{0};
+    for (int i = 0; i < kOps; ++i) {
+      queue->addOperation([&] {
+        if (allRunning.arriveAndWait()) ++metTogether;
+      });
+    }
+    if (limited) queue->setMaxConcurrentOperationCount(-1);
+    queue->waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(metTogether.load(), kOps)
+        << "operations did not all run at once, limited " << limited;
+    EXPECT_EQ(queue->operationCount(), 0u);
+    EXPECT_EQ(queue->name(), "io.sonorell.ops");
   }
-  queue->waitUntilAllOperationsAreFinished();
-  EXPECT_EQ(metTogether.load(), kOps) << "operations did not all run at the same time";
-  EXPECT_EQ(queue->operationCount(), 0u);
-  EXPECT_EQ(queue->name(), "io.sonorell.ops");
-}
-
-TEST(OperationQueue, WithAConcurrencyOfOneRunsOneAtATimeInAddOrder) {
-  auto queue = OperationQueue::create();
-  queue->setMaxConcurrentOperationCount(1);
-  std::vector<int> order;  // unsynchronised: the limit of one is the only guard
-  std::atomic<int> inside{0};
-  std::atomic<bool> overlapped{false};
-  for (int i = 0; i < 60; ++i) {
-    queue->addOperation([&, i] {
-      if (++inside > 1) overlapped = true;
-      order.push_back(i);
-      --inside;
-    });
-  }
-  queue->waitUntilAllOperationsAreFinished();
-  EXPECT_FALSE(overlapped.load());
-  ASSERT_EQ(order.size(), 60u);
-  for (int i = 0; i < 60; ++i) EXPECT_EQ(order[i], i);
-}
-
-TEST(OperationQueue, ALimitOfTwoNeverRunsThree) {
-  auto queue = OperationQueue::create();
-  queue->setMaxConcurrentOperationCount(2);
+  // A limit of one runs them one at a time in add order, even once their queue is gone.
+  std::vector<int> order;  // unsynchronised: the limit of one is its only guard
   std::atomic<int> inside{0};
   std::atomic<int> most{0};
-  for (int i = 0; i < 40; ++i) {
-    queue->addOperation([&] {
-      int now = ++inside;
-      int seen = most.load();
-      while (now > seen && !most.compare_exchange_weak(seen, now)) {
-      }
-      std::this_thread::yield();
-      --inside;
-    });
+  Ops ops;
+  {
+    auto queue = OperationQueue::create();
+    queue->setMaxConcurrentOperationCount(1);
+    for (int i = 0; i < 60; ++i) {
+      ops.push_back(std::make_shared<BlockOperation>([&, i] {
+        testing::raiseTo(most, ++inside);
+        order.push_back(i);
+        std::this_thread::yield();
+        --inside;
+      }));
+      queue->addOperation(ops.back());
+    }
   }
-  queue->waitUntilAllOperationsAreFinished();
-  EXPECT_LE(most.load(), 2);
-  EXPECT_GE(most.load(), 1);
+  for (const auto& op : ops) op->waitUntilFinished();
+  EXPECT_EQ(most.load(), 1);
+  ASSERT_EQ(order.size(), 60u);
+  for (int i = 0; i < 60; ++i) EXPECT_EQ(order[i], i) << "not run in add order";
 }
 
-TEST(OperationQueue, ListsUnfinishedOperationsInAddOrderAndDropsFinishedOnes) {
-  auto queue = OperationQueue::create();
-  queue->setMaxConcurrentOperationCount(1);
-  Gate gate;
-  auto first = std::make_shared<BlockOperation>([&] { gate.waitOpen(); });
-  auto second = std::make_shared<BlockOperation>([] {});
-  auto third = std::make_shared<BlockOperation>([] {});
-  queue->addOperation(first);
-  queue->addOperation(second);
-  queue->addOperation(third);
-  queue->addOperation(second);  // already there: not listed twice
-  EXPECT_EQ(queue->operations(), (std::vector<OperationPtr>{first, second, third}));
-  EXPECT_EQ(queue->operationCount(), 3u);
-  EXPECT_FALSE(second->isExecuting());
-
-  gate.open();
-  third->waitUntilFinished();
-  queue->waitUntilAllOperationsAreFinished();
-  EXPECT_TRUE(queue->operations().empty());
-  EXPECT_TRUE(first->isFinished() && second->isFinished() && third->isFinished());
-}
-
-TEST(OperationQueue, AnOperationCancelledWhileWaitingFinishesWithoutRunningMain) {
-  auto queue = OperationQueue::create();
-  queue->setMaxConcurrentOperationCount(1);
-  Gate gate;
-  auto blocker = std::make_shared<BlockOperation>([&] { gate.waitOpen(); });
-  std::atomic<bool> ran{false};
-  auto waiting = std::make_shared<BlockOperation>([&] { ran = true; });
-  ChangeRecorder recorder;
-  recorder.attach(*waiting);
-  queue->addOperation(blocker);
-  queue->addOperation(waiting);
-
-  waiting->cancel();
-  // It leaves the queue without waiting for the blocker's slot.
-  waiting->waitUntilFinished();
-  EXPECT_EQ(queue->operations(), (std::vector<OperationPtr>{blocker}));
-  gate.open();
-  queue->waitUntilAllOperationsAreFinished();
-  EXPECT_FALSE(ran.load());
-  EXPECT_TRUE(waiting->isCancelled());
-  EXPECT_EQ(recorder.changes(),
-            (std::vector<Change>{{Key::Cancelled, false, false}, {Key::Finished, false, true}}));
-}
-
-TEST(OperationQueue, CancelAllOperationsCancelsRunningAndWaitingOnes) {
+TEST(OperationQueue, ListsUnfinishedOperationsInAddOrderAndCancelsRunningAndWaitingOnes) {
   auto queue = OperationQueue::create();
   queue->setMaxConcurrentOperationCount(1);
   Gate started;
@@ -274,51 +178,37 @@ TEST(OperationQueue, CancelAllOperationsCancelsRunningAndWaitingOnes) {
     runningSawCancel = running->isCancelled();
   });
   std::atomic<int> waitingRan{0};
-  std::vector<OperationPtr> waiting;
+  auto second = std::make_shared<BlockOperation>([&] { ++waitingRan; });
+  ChangeRecorder recorder(*second);
+  Ops waiting;
   queue->addOperation(running);
-  for (int i = 0; i < 5; ++i) {
+  queue->addOperation(second);
+  for (int i = 0; i < 3; ++i) {
     waiting.push_back(std::make_shared<BlockOperation>([&] { ++waitingRan; }));
     queue->addOperation(waiting.back());
   }
+  queue->addOperation(second);  // already there: not listed twice
+  EXPECT_EQ(queue->operations(), (Ops{running, second, waiting[0], waiting[1], waiting[2]}));
   ASSERT_TRUE(started.waitOpen());
+  EXPECT_FALSE(second->isExecuting());
+
+  // Cancelled while waiting, it leaves the queue without waiting for the running one's slot.
+  second->cancel();
+  second->cancel();  // reported once
+  second->waitUntilFinished();
+  EXPECT_EQ(queue->operations(), (Ops{running, waiting[0], waiting[1], waiting[2]}));
+  EXPECT_TRUE(second->isCancelled());
+  EXPECT_EQ(recorder.changes(), kCancelledUnstarted);
+
   queue->cancelAllOperations();
   gate.open();
   queue->waitUntilAllOperationsAreFinished();
   EXPECT_TRUE(runningSawCancel.load()) << "a running operation learns it was cancelled";
+  EXPECT_TRUE(running->isFinished());
   EXPECT_EQ(waitingRan.load(), 0);
   for (const auto& op : waiting) EXPECT_TRUE(op->isCancelled() && op->isFinished());
   EXPECT_EQ(queue->operationCount(), 0u);
-}
-
-TEST(OperationQueue, RaisingTheLimitStartsWaitingOperations) {
-  auto queue = OperationQueue::create();
-  queue->setMaxConcurrentOperationCount(1);
-  constexpr int kOps = 4;
-  Barrier together(kOps);
-  std::atomic<int> metTogether{0};
-  for (int i = 0; i < kOps; ++i) {
-    queue->addOperation([&] {
-      if (together.arriveAndWait()) ++metTogether;
-    });
-  }
-  queue->setMaxConcurrentOperationCount(-1);
-  queue->waitUntilAllOperationsAreFinished();
-  EXPECT_EQ(metTogether.load(), kOps);
-}
-
-TEST(OperationQueue, OperationsAddedBeforeTheQueueIsReleasedStillRun) {
-  std::atomic<int> ran{0};
-  std::vector<OperationPtr> ops;
-  {
-    auto queue = OperationQueue::create();
-    queue->setMaxConcurrentOperationCount(1);
-    for (int i = 0; i < 10; ++i) {
-      ops.push_back(std::make_shared<BlockOperation>([&] { ++ran; }));
-      queue->addOperation(ops.back());
-    }
-  }
-  for (const auto& op : ops) op->waitUntilFinished();
-  EXPECT_EQ(ran.load(), 10);
+  EXPECT_TRUE(queue->operations().empty());
 }
 
 }  // namespace

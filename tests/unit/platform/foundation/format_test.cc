@@ -23,28 +23,18 @@ TEST(Format, ObjectsStringsAndNumbers) {
   EXPECT_EQ(stringWithFormat("%x %X %c %%", 255u, 255u, 'A'), "ff FF A %");
 }
 
-TEST(Format, AbsentObjectsPrintNull) {
+TEST(Format, AbsentObjectsPrintNullAndHoldersShowWhatTheyHold) {
   std::shared_ptr<Described> none;
   std::optional<std::string> absent;
   const char* nothing = nullptr;
   EXPECT_EQ(stringWithFormat("%@ %@ %@", none, absent, nothing), "(null) (null) (null)");
   EXPECT_EQ(stringWithFormat("%@ and %@", "one"), "one and (null)");
+  EXPECT_EQ(stringWithFormat("%@ %d", std::make_shared<Described>(), std::optional<int>(7)),
+            "described 7");
 }
 
-TEST(Format, SmartPointersAndOptionalsShowWhatTheyHold) {
-  auto described = std::make_shared<Described>();
-  std::optional<int> seven = 7;
-  EXPECT_EQ(stringWithFormat("%@ %d", described, seven), "described 7");
-}
-
-TEST(Format, MismatchedArgumentKindsAreConverted) {
-  EXPECT_EQ(stringWithFormat("%d", 3.9), "3");
-  EXPECT_EQ(stringWithFormat("%f", 2), "2.000000");
-  EXPECT_EQ(stringWithFormat("%@", 42), "42");
-  EXPECT_EQ(stringWithFormat("%d", true), "1");
-}
-
-TEST(Format, WidthAppliesToObjectsAndUnknownConversionsStayAsWritten) {
+TEST(Format, MismatchedKindsAreConvertedWidthAppliesToObjectsAndUnknownsStay) {
+  EXPECT_EQ(stringWithFormat("%d %f %@ %d", 3.9, 2, 42, true), "3 2.000000 42 1");
   EXPECT_EQ(stringWithFormat("[%-5@][%5@]", "ab", "cd"), "[ab   ][   cd]");
   EXPECT_EQ(stringWithFormat("%k %d", 1), "%k 1");
   EXPECT_EQ(stringWithFormat("trailing %", 1), "trailing %");

@@ -3,47 +3,29 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <stdlib.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <string_view>
-#include <vector>
-
 namespace sonorell::testing {
 
-std::unique_ptr<ChildProcess> ChildProcess::start(const Environment& environment) {
+std::unique_ptr<ChildProcess> ChildProcess::start(const std::vector<std::string>& arguments) {
   // The build names the program's path (tests/CMakeLists.txt).
   const char* program = SONORELL_TRANSFER_CHILD;
-  // Built before fork: the child may make only async-signal-safe calls until exec.
-  std::vector<std::string> entries;
-  for (char** e = environ; *e; ++e) {
-    const std::string_view entry(*e);
-    const bool replaced = std::any_of(environment.begin(), environment.end(), [&](const auto& v) {
-      return entry.size() > v.first.size() && entry.starts_with(v.first) &&
-             entry[v.first.size()] == '=';
-    });
-    if (!replaced) entries.emplace_back(entry);
-  }
-  for (const auto& [name, value] : environment) entries.push_back(name + "=" + value);
-  std::vector<char*> envp;
-  for (auto& entry : entries) envp.push_back(entry.data());
-  envp.push_back(nullptr);
-  char* argv[] = {const_cast<char*>(program), nullptr};
-
+  std::vector<char*> argv{const_cast<char*>(program)};
+  for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
   int fds[2];
   if (::pipe2(fds, O_CLOEXEC) != 0) return nullptr;
-  const int pid = ::fork();
-  if (pid == 0) {
-    ::dup2(fds[1], 3);  // dup2 clears close-on-exec on the copy
-    int devnull = ::open("/dev/null", O_WRONLY);
-    if (devnull >= 0) ::dup2(devnull, 1);
-    ::execve(program, argv, envp.data());
-    ::_exit(127);
-  }
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  ::posix_spawn_file_actions_adddup2(&actions, fds[1], 3);  // the copy is not close-on-exec
+  ::posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  pid_t pid = -1;
+  const int failed = ::posix_spawn(&pid, program, &actions, nullptr, argv.data(), environ);
+  ::posix_spawn_file_actions_destroy(&actions);
   ::close(fds[1]);
-  if (pid < 0) {
+  if (failed != 0) {
     ::close(fds[0]);
     return nullptr;
   }

@@ -6,11 +6,9 @@
 #include <atomic>
 #include <future>
 
-#include "content_server.h"
-#include "platform/net/curl_loop.h"
-#include "support/temp_library.h"
+#include "transfer_test_support.h"
 
-namespace sonorell {
+namespace sonorell::testing {
 namespace {
 
 using content::Fault;
@@ -60,23 +58,34 @@ class RecordingJob : public CurlJob {
   const std::shared_ptr<Heard> heard_;
 };
 
-class CurlLoopTest : public ::testing::Test {
+class CurlLoopTest : public TransferTest {
  protected:
-  void SetUp() override { server.start(); }
   std::unique_ptr<RecordingJob> job(const std::string& url, const std::shared_ptr<Heard>& heard) {
     return std::make_unique<RecordingJob>(url, server.caCertificatePath().string(), heard);
   }
-
-  testing::TempLibrary library;
-  content::ContentServer server;
+  static CURLcode doneCode(const std::shared_ptr<Heard>& heard) {
+    auto done = heard->done.get_future();
+    if (done.wait_for(30s) == std::future_status::ready) return done.get();
+    ADD_FAILURE() << "the job never completed";
+    return CURL_LAST;
+  }
 };
 
-TEST_F(CurlLoopTest, LastOwnerLettingGoOnTheLoopThreadStopsTheRestWithoutJoiningItself) {
+TEST_F(CurlLoopTest, ARefusedJobHearsNothingAndTheLastOwnerMayLetGoOnTheLoopsThread) {
   server.faults().add(Route::kAudio, Fault::delayed(30s));
   auto loop = CurlLoop::create();
   std::weak_ptr<CurlLoop> watch = loop;
+  auto refused = std::make_shared<Heard>();
+  auto refusedJob = job(server.metadataURL("1001"), refused);
+  refusedJob->refuse = true;
+  const uint64_t refusedId = loop->add(std::move(refusedJob));
   auto slow = std::make_shared<Heard>();
   loop->add(job(server.audioURL(content::kThreeChapterBookID, 0, 1), slow));
+  auto next = std::make_shared<Heard>();
+  loop->add(job(server.metadataURL("1001"), next));
+  EXPECT_EQ(doneCode(next), CURLE_OK) << "a refused job stopped the loop";
+  EXPECT_TRUE(refused->configured);
+  loop->stop(refusedId);  // no longer the loop's: ignored
 
   // The quick job becomes the loop's only owner before the loop sees it.
   auto quick = std::make_shared<Heard>();
@@ -84,36 +93,16 @@ TEST_F(CurlLoopTest, LastOwnerLettingGoOnTheLoopThreadStopsTheRestWithoutJoining
   CurlLoop* raw = loop.get();
   quickJob->owner = std::move(loop);
   raw->add(std::move(quickJob));
-
-  auto done = quick->done.get_future();
-  ASSERT_EQ(done.wait_for(30s), std::future_status::ready);
-  EXPECT_EQ(done.get(), CURLE_OK);
+  EXPECT_EQ(doneCode(quick), CURLE_OK);
   EXPECT_TRUE(watch.expired());
   // The loop's thread, left to finish on its own, still stops what it holds.
   auto stopped = slow->stopped.get_future();
   ASSERT_EQ(stopped.wait_for(30s), std::future_status::ready);
   EXPECT_EQ(slow->calls, 1);
   EXPECT_EQ(quick->calls, 1);
-}
-
-TEST_F(CurlLoopTest, ARefusedJobHearsNothingMoreAndTheLoopGoesOn) {
-  auto loop = CurlLoop::create();
-  auto refused = std::make_shared<Heard>();
-  auto refusedJob = job(server.metadataURL("1001"), refused);
-  refusedJob->refuse = true;
-  const uint64_t refusedId = loop->add(std::move(refusedJob));
-  auto next = std::make_shared<Heard>();
-  loop->add(job(server.metadataURL("1001"), next));
-
-  auto done = next->done.get_future();
-  ASSERT_EQ(done.wait_for(30s), std::future_status::ready);
-  EXPECT_EQ(done.get(), CURLE_OK);
-  EXPECT_TRUE(refused->configured);
-  loop->stop(refusedId);  // no longer the loop's: ignored
-  loop.reset();           // stops whatever it still holds
   EXPECT_EQ(refused->calls, 0);
-  EXPECT_EQ(server.requestCount(Route::kMetadata), 1u);
+  EXPECT_EQ(server.requestCount(Route::kMetadata), 2u);
 }
 
 }  // namespace
-}  // namespace sonorell
+}  // namespace sonorell::testing

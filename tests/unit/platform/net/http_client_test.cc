@@ -2,41 +2,36 @@
 // transport failure reaches the caller (URL-loading codes, the libcurl error underneath), which
 // CA bundle it trusts, and a wrapper that replaces one request while the rest stay real.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <future>
 
-#include "content_server.h"
-#include "default_ca_bundle_guard.h"
-#include "platform/dispatch/dispatch_queue.h"
-#include "platform/net/curl_loop.h"
 #include "platform/net/http_client.h"
-#include "support/temp_library.h"
+#include "transfer_test_support.h"
 
-namespace sonorell {
+namespace sonorell::testing {
 namespace {
 
 using content::Fault;
 using content::Route;
 using Result = std::pair<std::optional<HttpResponse>, ErrorPtr>;
 
-class HttpClientTest : public ::testing::Test {
+class HttpClientTest : public TransferTest {
  protected:
   void SetUp() override {
-    server.start();
+    TransferTest::SetUp();
     client->setCABundle(server.caCertificatePath().string());
   }
-  Result get(const std::string& url, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-    HttpRequest request;
-    request.url = url;
-    request.timeout = timeout;
-    return client->sendSynchronously(std::move(request));
+  void TearDown() override {
+    client.reset();  // closes its connections before the server stops
+    TransferTest::TearDown();
   }
-  testing::TempLibrary library;
-  content::ContentServer server;
+  Result get(HttpClient& via, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    HttpRequest request;
+    request.url = server.metadataURL("1001");
+    request.timeout = timeout;
+    return via.sendSynchronously(std::move(request));
+  }
   std::shared_ptr<HttpClient> client = HttpClient::create();
 };
 
@@ -58,54 +53,22 @@ TEST_F(HttpClientTest, APostCarriesItsHeadersInOrderAndItsBody) {
   EXPECT_EQ(seen.body, request.body);
 }
 
-TEST_F(HttpClientTest, StatusesAreAnswersNotErrors) {
+TEST_F(HttpClientTest, TransportFailuresReachTheCallerAsURLErrorsButStatusesAreAnswers) {
   server.faults().add(Route::kMetadata, Fault::statusCode(503));
-  auto [response, error] = get(server.metadataURL("1001"));
-  EXPECT_EQ(error, nullptr);
-  ASSERT_TRUE(response.has_value());
-  EXPECT_EQ(response->status, 503);
-}
+  auto [answered, noError] = get(*client);
+  EXPECT_EQ(noError, nullptr);
+  ASSERT_TRUE(answered.has_value());
+  EXPECT_EQ(answered->status, 503);
 
-TEST_F(HttpClientTest, ATimeOutIs1001WithLibcurlsErrorUnderneath) {
   server.faults().add(Route::kMetadata, Fault::delayed(std::chrono::seconds(30)));
-  auto [response, error] = get(server.metadataURL("1001"), std::chrono::milliseconds(300));
-  ASSERT_NE(error, nullptr);
-  EXPECT_FALSE(response.has_value());
-  EXPECT_EQ(error->domain, kURLLoadingErrorDomain);
-  EXPECT_EQ(error->code, kURLErrorTimedOut);
-  ASSERT_NE(error->underlyingError(), nullptr);
-  EXPECT_EQ(error->underlyingError()->code, 28);  // CURLE_OPERATION_TIMEDOUT
-  EXPECT_FALSE(error->localizedDescription().empty());
-}
+  auto [late, timedOut] = get(*client, std::chrono::milliseconds(300));
+  EXPECT_FALSE(late.has_value());
+  expectURLError(timedOut, kURLErrorTimedOut);
+  ASSERT_NE(timedOut->underlyingError(), nullptr);
+  EXPECT_EQ(timedOut->underlyingError()->code, 28);  // CURLE_OPERATION_TIMEDOUT
+  EXPECT_FALSE(timedOut->localizedDescription().empty());
 
-TEST_F(HttpClientTest, AnUntrustedCertificateIsRefused) {
-  auto stranger = HttpClient::create();  // trusts only the system's CAs
-  HttpRequest request;
-  request.url = server.metadataURL("1001");
-  auto [response, error] = stranger->sendSynchronously(request);
-  ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->domain, kURLLoadingErrorDomain);
-  EXPECT_TRUE(error->code == kURLErrorServerCertificateUntrusted ||
-              error->code == kURLErrorSecureConnectionFailed)
-      << error->description();
-}
-
-TEST_F(HttpClientTest, NobodyListeningIsCannotConnect) {
-  int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  socklen_t length = sizeof address;
-  ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
-  ::close(probe);
-  auto [response, error] =
-      get("https://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/v4/audiobooks/1");
-  ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->code, kURLErrorCannotConnectToHost);
-}
-
-TEST_F(HttpClientTest, ACancelledRequestCompletesOnceWith999) {
+  // A cancelled request completes once, with -999.
   server.faults().add(Route::kMetadata, Fault::delayed(std::chrono::seconds(30)));
   std::promise<Result> done;
   auto future = done.get_future();
@@ -116,38 +79,28 @@ TEST_F(HttpClientTest, ACancelledRequestCompletesOnceWith999) {
   });
   task->cancel();
   ASSERT_EQ(future.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-  auto [response, error] = future.get();
-  ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->code, kURLErrorCancelled);
+  expectURLError(future.get().second, kURLErrorCancelled);
   task->cancel();  // a second cancel after completion does nothing
 }
 
-TEST_F(HttpClientTest, ADroppedConnectionIsConnectionLost) {
-  server.faults().add(Route::kMetadata, Fault::droppedConnection());
-  auto [response, error] = get(server.metadataURL("1001"));
+TEST_F(HttpClientTest, TrustsItsOwnBundleElseTheProcessDefaultButNeverAnUnknownCA) {
+  DefaultCABundleGuard guard;
+  auto plain = HttpClient::create();  // trusts only the system's CAs
+  auto error = get(*plain).second;
   ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->code, kURLErrorNetworkConnectionLost);
-}
+  EXPECT_EQ(error->domain, kURLLoadingErrorDomain);
+  EXPECT_TRUE(error->code == kURLErrorServerCertificateUntrusted ||
+              error->code == kURLErrorSecureConnectionFailed)
+      << error->description();
 
-TEST_F(HttpClientTest, AClientWithoutItsOwnBundleTrustsTheProcessDefault) {
-  testing::DefaultCABundleGuard guard;
+  // A default set after the client was made is trusted from then on.
   setDefaultCABundle(server.caCertificatePath().string());
-  auto plain = HttpClient::create();  // made after the default was set or before: both trust it
-  HttpRequest request;
-  request.url = server.metadataURL("1001");
-  auto [response, error] = plain->sendSynchronously(request);
-  ASSERT_EQ(error, nullptr) << error->description();
+  auto [response, trusted] = get(*plain);
+  ASSERT_EQ(trusted, nullptr) << trusted->description();
   EXPECT_EQ(response->status, 200);
-}
 
-TEST_F(HttpClientTest, TheClientsOwnBundleWinsOverTheProcessDefault) {
-  testing::DefaultCABundleGuard guard;
-  setDefaultCABundle(server.caCertificatePath().string());
-  // Public roots only, none of which signed the test certificate.
-  client->setCABundle("/etc/ssl/certs/ca-certificates.crt");
-  auto [response, error] = get(server.metadataURL("1001"));
-  ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->code, kURLErrorServerCertificateUntrusted) << error->description();
+  client->setCABundle(kPublicRoots);  // the client's own wins over the default
+  expectURLError(get(*client).second, kURLErrorServerCertificateUntrusted);
 }
 
 // Fails the first request with "not connected to the Internet" without touching the network,
@@ -173,24 +126,20 @@ class OfflineOnceClient : public HttpClientWrapper {
 };
 
 TEST_F(HttpClientTest, AWrapperFailsOneRequestAndTheNextIsReal) {
-  auto wrapper = std::make_shared<OfflineOnceClient>(client);
-  HttpRequest request;
-  request.url = server.metadataURL("1001");
-  auto [firstResponse, firstError] = wrapper->sendSynchronously(request);
-  ASSERT_NE(firstError, nullptr);
+  OfflineOnceClient wrapper(client);
+  auto [firstResponse, firstError] = get(wrapper);
   EXPECT_FALSE(firstResponse.has_value());
-  EXPECT_EQ(firstError->domain, kURLLoadingErrorDomain);
-  EXPECT_EQ(firstError->code, kURLErrorNotConnectedToInternet);
+  expectURLError(firstError, kURLErrorNotConnectedToInternet);
   EXPECT_EQ(server.requestCount(Route::kMetadata), 0u);
 
-  auto [response, error] = wrapper->sendSynchronously(request);
+  auto [response, error] = get(wrapper);
   ASSERT_EQ(error, nullptr) << error->description();
   EXPECT_EQ(response->status, 200);
   EXPECT_NE(response->body.find("1001"), std::string::npos);
   EXPECT_EQ(server.requestCount(Route::kMetadata), 1u);
   // Settings go through to the real client.
-  EXPECT_EQ(wrapper->caBundle(), server.caCertificatePath().string());
+  EXPECT_EQ(wrapper.caBundle(), server.caCertificatePath().string());
 }
 
 }  // namespace
-}  // namespace sonorell
+}  // namespace sonorell::testing

@@ -10,69 +10,91 @@
 namespace sonorell::testing {
 namespace {
 
-using Kind = TransferEvent::Kind;
 using content::Fault;
 using content::Route;
 using content::Trigger;
 
 class TransferResumption : public TransferTest {
  protected:
-  std::unique_ptr<ChildProcess> startChild(const content::Chapter& c, const std::string& session,
-                                           bool blockInFinish) {
-    return ChildProcess::start({
-        {"SONORELL_LIBRARY_DIR", library.path().string()},
-        {kChildURL, server.baseURL() + c.audioPath},
-        {kChildCA, server.caCertificatePath().string()},
-        {kChildSession, session},
-        {kChildDescription, "2001_1_8"},
-        {kChildBlockInFinish, blockInFinish ? "1" : "0"},
-    });
+  void TearDown() override {
+    session.reset();
+    TransferTest::TearDown();
   }
 
-  // Suspends the task once it has `bytes`, and waits until its transfer has stopped.
-  void suspendAfter(const TransferTaskPtr& task, int64_t bytes) {
-    ASSERT_TRUE(delegate->waitUntil([&] { return task->countOfBytesReceived() >= bytes; },
+  // Starts a child transferring the long chapter in session `identifier` and kills it at its first
+  // line starting with `until` once it has reported at least `bytes`.
+  std::unique_ptr<ChildProcess> startChild(const std::string& identifier, bool blockInFinish,
+                                           const std::string& until, int64_t bytes = 0) {
+    auto child = ChildProcess::start(
+        {library.path().string(), server.baseURL() + longChapter().audioPath,
+         server.caCertificatePath().string(), identifier, "2001_1_8", blockInFinish ? "1" : "0"});
+    if (!child) return nullptr;
+    while (auto line = child->readLine()) {
+      if (line->starts_with("bytes ")) reported = std::stoll(line->substr(6));
+      if (line->starts_with(until) && reported >= bytes) {
+        EXPECT_TRUE(child->kill());
+        return child;
+      }
+    }
+    ADD_FAILURE() << "the child stopped before reporting " << until;
+    return nullptr;
+  }
+
+  // In the next process: the one task the journal lists, with its state.
+  TransferSessionPtr adopt(const std::string& identifier, TransferTaskState state) {
+    startService();
+    auto adopted = service->sessionWithConfiguration(configuration(identifier), delegate);
+    auto tasks = tasksOf(adopted);
+    EXPECT_EQ(tasks.size(), 1u);
+    if (!tasks.empty()) {
+      EXPECT_EQ(tasks[0]->taskDescription(), "2001_1_8");
+      EXPECT_EQ(tasks[0]->state(), state);
+    }
+    return adopted;
+  }
+
+  // Expects the long chapter (or `sha256`) delivered whole as the only, successful completion.
+  void expectDelivered(const std::string& sha256 = "") {
+    ASSERT_TRUE(delegate->waitForCompletions(1));
+    auto finished = delegate->finished();
+    EXPECT_EQ(finished.sha256, sha256.empty() ? longChapter().sha256 : sha256);
+    EXPECT_EQ(finished.status, 200);
+    EXPECT_EQ(finished.received, finished.fileSize);
+    EXPECT_EQ(delegate->events(Kind::kComplete)[0].error, nullptr);
+  }
+
+  // Starts the long chapter slowly in a session of its own and suspends it once it has 20 KB.
+  TransferTaskPtr startSuspended() {
+    slowAudio();
+    session = service->sessionWithConfiguration(configuration("QLSO_" + std::to_string(++sessions)),
+                                                delegate);
+    auto task = session->downloadTask(getChapter(longChapter()));
+    task->resume();
+    EXPECT_TRUE(delegate->waitUntil([&] { return task->countOfBytesReceived() >= 20'000; },
                                     std::chrono::seconds(30)));
     task->suspend();
     EXPECT_EQ(task->state(), TransferTaskState::kSuspended);
+    return task;
   }
 
   std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
+  TransferSessionPtr session;
+  int64_t reported = 0;  // the child's last byte count
+  int sessions = 0;
 };
 
 TEST_F(TransferResumption, KilledMidTransferResumesFromItsBytesInTheNextProcess) {
-  const auto& c = chapter(content::kLargeBookID, 1, 8);
-  server.faults().add(Route::kAudio, Fault::bandwidth(40'000), Trigger::next(1));
-  auto child = startChild(c, "QLSO_killed", false);
-  ASSERT_TRUE(child);
-  int64_t reported = 0;
-  while (reported < 30'000) {
-    auto line = child->readLine();
-    ASSERT_TRUE(line) << "the child stopped reporting";
-    if (line->starts_with("bytes ")) reported = std::stoll(line->substr(6));
-  }
-  ASSERT_TRUE(child->kill());
+  const auto& c = longChapter();
+  slowAudio(2);  // the resumed request too, so that the next process finds it still running
+  ASSERT_TRUE(startChild("QLSO_killed", false, "bytes ", 30'000));
   auto files = transferFiles(temporaryDirectory());
   ASSERT_EQ(files.size(), 1u);
   const auto partial = static_cast<int64_t>(std::filesystem::file_size(files[0]));
   ASSERT_GE(partial, reported);
   ASSERT_LT(partial, static_cast<int64_t>(c.size));
 
-  // The next process.
-  startService();
-  auto session = service->sessionWithConfiguration(configuration("QLSO_killed"), delegate);
-  auto tasks = tasksOf(session);
-  ASSERT_EQ(tasks.size(), 1u);
-  EXPECT_EQ(tasks[0]->taskDescription(), "2001_1_8");
-  EXPECT_EQ(tasks[0]->state(), TransferTaskState::kRunning);
-  ASSERT_TRUE(delegate->waitForCompletions(1));
-
-  auto finishes = delegate->events(Kind::kFinish);
-  ASSERT_EQ(finishes.size(), 1u);
-  EXPECT_EQ(finishes[0].sha256, c.sha256);
-  EXPECT_EQ(finishes[0].received, static_cast<int64_t>(c.size));
-  EXPECT_EQ(finishes[0].status, 200);
-  EXPECT_EQ(delegate->events(Kind::kComplete)[0].error, nullptr);
+  session = adopt("QLSO_killed", TransferTaskState::kRunning);
+  expectDelivered();
   auto requests = server.requests(Route::kAudio);
   ASSERT_EQ(requests.size(), 2u);
   EXPECT_FALSE(requests[0].header("Range"));
@@ -87,31 +109,10 @@ TEST_F(TransferResumption, KilledMidTransferResumesFromItsBytesInTheNextProcess)
 }
 
 TEST_F(TransferResumption, FinishedButUnhandledIsDeliveredOnceInTheNextProcess) {
-  const auto& c = chapter(content::kLargeBookID, 1, 8);
-  auto child = startChild(c, "QLSO_unhandled", true);
-  ASSERT_TRUE(child);
-  for (;;) {
-    auto line = child->readLine();
-    ASSERT_TRUE(line) << "the child never finished";
-    if (line->starts_with("finished ")) break;
-  }
-  ASSERT_TRUE(child->kill());
-
-  startService();
-  auto session = service->sessionWithConfiguration(configuration("QLSO_unhandled"), delegate);
-  auto tasks = tasksOf(session);
-  ASSERT_EQ(tasks.size(), 1u);
-  EXPECT_EQ(tasks[0]->taskDescription(), "2001_1_8");
-  EXPECT_EQ(tasks[0]->state(), TransferTaskState::kCompleted);
-  ASSERT_TRUE(delegate->waitForCompletions(1));
-  ASSERT_TRUE(delegate->waitUntil([&] { return !delegate->events(Kind::kAllDelivered).empty(); },
-                                  std::chrono::seconds(10)));
-  auto finishes = delegate->events(Kind::kFinish);
-  ASSERT_EQ(finishes.size(), 1u);
-  EXPECT_EQ(finishes[0].sha256, c.sha256);
-  EXPECT_EQ(finishes[0].status, 200);
-  EXPECT_EQ(finishes[0].received, static_cast<int64_t>(c.size));
-  EXPECT_EQ(delegate->events(Kind::kComplete)[0].error, nullptr);
+  ASSERT_TRUE(startChild("QLSO_unhandled", true, "finished "));
+  session = adopt("QLSO_unhandled", TransferTaskState::kCompleted);
+  expectDelivered();
+  ASSERT_TRUE(delegate->waitFor(Kind::kAllDelivered, 1, std::chrono::seconds(10)));
   EXPECT_EQ(server.requestCount(Route::kAudio), 1u) << "the finished file was fetched again";
   EXPECT_TRUE(transferFiles(temporaryDirectory()).empty());
 
@@ -121,65 +122,51 @@ TEST_F(TransferResumption, FinishedButUnhandledIsDeliveredOnceInTheNextProcess) 
   startService();
   auto again = std::make_shared<RecordingDelegate>();
   auto third = service->sessionWithConfiguration(configuration("QLSO_unhandled"), again);
-  drain(third);
+  third->delegateQueue()->sync([] {});  // what it was handed so far has been told
   EXPECT_TRUE(tasksOf(third).empty());
   EXPECT_TRUE(again->events().empty());
 }
 
-TEST_F(TransferResumption, FileMovedByTheDelegateIsKept) {
+TEST_F(TransferResumption, ASuspendedTransferAsksOnlyForTheRestAndItsFileMayBeKept) {
   startService();
   const auto kept = library.path() / "kept.mp3";
   delegate->onFinish = [&](const std::filesystem::path& location) {
     std::filesystem::rename(location, kept);
   };
-  const auto& c = chapter(content::kThreeChapterBookID, 0, 1);
-  auto session = service->sessionWithConfiguration(configuration(), delegate);
-  session->downloadTask(get(server.baseURL() + c.audioPath))->resume();
-  ASSERT_TRUE(delegate->waitForCompletions(1));
-  EXPECT_EQ(content::sha256Hex(readFile(kept)), c.sha256);
-}
-
-TEST_F(TransferResumption, SuspendedTransferAsksOnlyForTheRest) {
-  startService();
-  const auto& c = chapter(content::kLargeBookID, 1, 8);
-  server.faults().add(Route::kAudio, Fault::bandwidth(40'000), Trigger::next(1));
-  auto session = service->sessionWithConfiguration(configuration(), delegate);
-  auto task = session->downloadTask(get(server.baseURL() + c.audioPath));
-  task->resume();
-  suspendAfter(task, 20'000);
-  task->resume();
-  ASSERT_TRUE(delegate->waitForCompletions(1));
-  ASSERT_EQ(delegate->events(Kind::kFinish).size(), 1u);
-  EXPECT_EQ(delegate->events(Kind::kFinish)[0].sha256, c.sha256);
+  startSuspended()->resume();
+  expectDelivered();
+  EXPECT_EQ(content::sha256Hex(readFile(kept)), longChapter().sha256);
   auto requests = server.requests(Route::kAudio);
   ASSERT_EQ(requests.size(), 2u);
   ASSERT_TRUE(requests[1].header("Range"));
   EXPECT_NE(requests[1].header("Range"), "bytes=0-");
 }
 
-TEST_F(TransferResumption, ChangedETagRestartsFromZero) {
+TEST_F(TransferResumption, AResumeTheServerCannotHonourRestartsFromZero) {
   startService();
-  const auto& c = chapter(content::kLargeBookID, 1, 8);
-  server.faults().add(Route::kAudio, Fault::bandwidth(40'000), Trigger::next(1));
-  auto session = service->sessionWithConfiguration(configuration(), delegate);
-  auto task = session->downloadTask(get(server.baseURL() + c.audioPath));
+  const auto& c = longChapter();
+  // The server ignores the range: the whole file comes again.
+  auto task = startSuspended();
+  server.faults().add(Route::kAudio, Fault::rangeIgnored(), Trigger::next(1));
   task->resume();
-  suspendAfter(task, 20'000);
+  expectDelivered();
+  auto requests = server.requests(Route::kAudio);
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_TRUE(requests[1].header("Range"));
+
+  // The file changed on the server: its old validator no longer matches.
+  delegate = std::make_shared<RecordingDelegate>();
+  task = startSuspended();
   const std::string oldETag = server.currentETag(c.audioPath);
   server.changeFile(c.audioPath);
   const std::string newBytes = server.currentBytes(c.audioPath);
   ASSERT_NE(content::sha256Hex(newBytes), c.sha256);
   task->resume();
-  ASSERT_TRUE(delegate->waitForCompletions(1));
-
-  auto finishes = delegate->events(Kind::kFinish);
-  ASSERT_EQ(finishes.size(), 1u);
-  EXPECT_EQ(finishes[0].sha256, content::sha256Hex(newBytes));
-  EXPECT_EQ(finishes[0].received, static_cast<int64_t>(newBytes.size()));
-  auto requests = server.requests(Route::kAudio);
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_TRUE(requests[1].header("Range"));
-  EXPECT_EQ(requests[1].header("If-Range"), oldETag);
+  expectDelivered(content::sha256Hex(newBytes));
+  requests = server.requests(Route::kAudio);
+  ASSERT_EQ(requests.size(), 4u);
+  EXPECT_TRUE(requests[3].header("Range"));
+  EXPECT_EQ(requests[3].header("If-Range"), oldETag);
   // Progress went back to the start.
   bool wentBack = false;
   int64_t highest = 0;
@@ -188,25 +175,6 @@ TEST_F(TransferResumption, ChangedETagRestartsFromZero) {
     highest = std::max(highest, w.total);
   }
   EXPECT_TRUE(wentBack);
-}
-
-TEST_F(TransferResumption, IgnoredRangeRestartsFromZero) {
-  startService();
-  const auto& c = chapter(content::kLargeBookID, 1, 8);
-  server.faults().add(Route::kAudio, Fault::bandwidth(40'000), Trigger::next(1));
-  auto session = service->sessionWithConfiguration(configuration(), delegate);
-  auto task = session->downloadTask(get(server.baseURL() + c.audioPath));
-  task->resume();
-  suspendAfter(task, 20'000);
-  server.faults().add(Route::kAudio, Fault::rangeIgnored(), Trigger::next(1));
-  task->resume();
-  ASSERT_TRUE(delegate->waitForCompletions(1));
-  auto finishes = delegate->events(Kind::kFinish);
-  ASSERT_EQ(finishes.size(), 1u);
-  EXPECT_EQ(finishes[0].sha256, c.sha256);
-  EXPECT_EQ(finishes[0].fileSize, static_cast<int64_t>(c.size));
-  ASSERT_EQ(server.requests(Route::kAudio).size(), 2u);
-  EXPECT_TRUE(server.requests(Route::kAudio)[1].header("Range"));
 }
 
 }  // namespace

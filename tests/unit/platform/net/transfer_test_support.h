@@ -1,10 +1,13 @@
-// Shared by the transfer service tests: a fixture with a fresh Library directory, the reference
-// content server on 127.0.0.1 over HTTPS and a service whose link type the test sets, plus a
-// delegate that records every event. The delegate's list is guarded by its mutex; waits are on
-// events (with a generous upper bound so a hang fails instead of blocking).
+// Shared by the net tests: a fixture with a fresh Library directory, the reference content server
+// on 127.0.0.1 over HTTPS and a transfer service whose link type the test sets, plus a delegate
+// that records every event. The delegate's list is guarded by its mutex; waits are on events
+// (with a generous upper bound so a hang fails instead of blocking).
 #pragma once
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -20,7 +23,8 @@
 
 #include "content_server.h"
 #include "platform/dispatch/dispatch_queue.h"
-#include "platform/media/reachability.h"
+#include "platform/net/curl_loop.h"
+#include "platform/net/reachability.h"
 #include "platform/net/transfer_service.h"
 #include "sha256.h"
 #include "support/temp_library.h"
@@ -43,17 +47,46 @@ inline std::vector<std::filesystem::path> transferFiles(const std::filesystem::p
   return files;
 }
 
+// An HTTPS URL on a loopback port that was free a moment ago: nobody listens there.
+inline std::string closedPortURL() {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  socklen_t length = sizeof address;
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  ::close(fd);
+  return "https://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/v4/audiobooks/1";
+}
+
+inline void expectURLError(const ErrorPtr& error, int64_t code) {
+  ASSERT_TRUE(error) << "expected URL error " << code;
+  EXPECT_EQ(error->domain, kURLLoadingErrorDomain);
+  EXPECT_EQ(error->code, code) << error->description();
+}
+
+// Public roots only, none of which signed the test certificate.
+inline constexpr const char* kPublicRoots = "/etc/ssl/certs/ca-certificates.crt";
+
+// For tests that change the process-wide CA bundle: restores the previous one when the scope
+// ends, even after a failed assertion.
+class DefaultCABundleGuard {
+ public:
+  DefaultCABundleGuard() : saved_(defaultCABundle()) {}
+  ~DefaultCABundleGuard() { setDefaultCABundle(saved_); }
+  DefaultCABundleGuard(const DefaultCABundleGuard&) = delete;
+  DefaultCABundleGuard& operator=(const DefaultCABundleGuard&) = delete;
+
+ private:
+  const std::string saved_;
+};
+
 struct TransferEvent {
   enum class Kind { kWrite, kFinish, kComplete, kAllDelivered };
-  static TransferEvent of(Kind kind, const TransferTaskPtr& task) {
-    TransferEvent e;
-    e.kind = kind;
-    if (task) {
-      e.task = task->taskIdentifier();
-      e.description = task->taskDescription();
-    }
-    return e;
-  }
+  TransferEvent() = default;
+  TransferEvent(Kind k, const TransferTaskPtr& t)
+      : kind(k), task(t ? t->taskIdentifier() : 0), description(t ? t->taskDescription() : "") {}
   Kind kind = Kind::kWrite;
   uint64_t task = 0;
   std::string description;
@@ -63,10 +96,12 @@ struct TransferEvent {
   long status = 0;                               // kFinish
   int64_t received = 0;                          // kFinish: the task's count
   ErrorPtr error;                                // kComplete
+  const TransferSession* session = nullptr;      // kComplete: the session that told it
 };
 
 class RecordingDelegate : public TransferSessionDelegate {
  public:
+  using Kind = TransferEvent::Kind;
   // Runs inside didFinishDownloadingToURL, after the file was recorded.
   std::function<void(const std::filesystem::path&)> onFinish;
   // Runs inside didWriteData, after the event was recorded.
@@ -74,7 +109,7 @@ class RecordingDelegate : public TransferSessionDelegate {
 
   void didWriteData(const TransferSessionPtr&, const TransferTaskPtr& task, int64_t written,
                     int64_t total, int64_t expected) override {
-    auto e = TransferEvent::of(TransferEvent::Kind::kWrite, task);
+    TransferEvent e(Kind::kWrite, task);
     e.written = written;
     e.total = total;
     e.expected = expected;
@@ -83,9 +118,8 @@ class RecordingDelegate : public TransferSessionDelegate {
   }
   void didFinishDownloadingToURL(const TransferSessionPtr&, const TransferTaskPtr& task,
                                  const std::filesystem::path& location) override {
-    auto e = TransferEvent::of(TransferEvent::Kind::kFinish, task);
-    const std::string bytes = readFile(location);
-    e.sha256 = content::sha256Hex(bytes);
+    TransferEvent e(Kind::kFinish, task);
+    e.sha256 = content::sha256Hex(readFile(location));
     std::error_code ec;
     e.fileSize = static_cast<int64_t>(std::filesystem::file_size(location, ec));
     e.status = task->response() ? task->response()->statusCode : 0;
@@ -93,34 +127,39 @@ class RecordingDelegate : public TransferSessionDelegate {
     add(e);
     if (onFinish) onFinish(location);
   }
-  void didCompleteWithError(const TransferSessionPtr&, const TransferTaskPtr& task,
+  void didCompleteWithError(const TransferSessionPtr& session, const TransferTaskPtr& task,
                             ErrorPtr error) override {
-    auto e = TransferEvent::of(TransferEvent::Kind::kComplete, task);
+    TransferEvent e(Kind::kComplete, task);
     e.error = std::move(error);
+    e.session = session.get();
     add(e);
   }
   void didFinishEventsForBackgroundURLSession(const TransferSessionPtr&) override {
-    add(TransferEvent::of(TransferEvent::Kind::kAllDelivered, nullptr));
+    add(TransferEvent(Kind::kAllDelivered, nullptr));
   }
 
   std::vector<TransferEvent> events() const {
     std::lock_guard lock(mutex_);
     return events_;
   }
-  std::vector<TransferEvent> events(TransferEvent::Kind kind) const {
+  std::vector<TransferEvent> events(Kind kind) const {
     std::vector<TransferEvent> picked;
     for (auto& e : events()) {
       if (e.kind == kind) picked.push_back(e);
     }
     return picked;
   }
-  // Waits until `count` tasks have completed; false after the limit.
-  bool waitForCompletions(size_t count, std::chrono::seconds limit = std::chrono::seconds(60)) {
-    return waitUntil([&] { return countLocked(TransferEvent::Kind::kComplete) >= count; }, limit);
+  // The one file delivered as finished; fails the test when there was not exactly one.
+  TransferEvent finished() const {
+    auto finishes = events(Kind::kFinish);
+    EXPECT_EQ(finishes.size(), 1u);
+    return finishes.empty() ? TransferEvent{} : finishes[0];
   }
-  bool waitForWrites(size_t count, std::chrono::seconds limit = std::chrono::seconds(60)) {
-    return waitUntil([&] { return countLocked(TransferEvent::Kind::kWrite) >= count; }, limit);
+  // Waits until `count` events of `kind` have arrived; false after the limit.
+  bool waitFor(Kind kind, size_t count = 1, std::chrono::seconds limit = std::chrono::seconds(60)) {
+    return waitUntil([&] { return events(kind).size() >= count; }, limit);
   }
+  bool waitForCompletions(size_t count) { return waitFor(Kind::kComplete, count); }
   bool waitUntil(const std::function<bool()>& done, std::chrono::seconds limit) {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, limit, done);
@@ -134,11 +173,6 @@ class RecordingDelegate : public TransferSessionDelegate {
     }
     changed_.notify_all();
   }
-  size_t countLocked(TransferEvent::Kind kind) const {
-    size_t n = 0;
-    for (const auto& e : events_) n += e.kind == kind;
-    return n;
-  }
 
   // Recursive: waitUntil's predicate reads the events while the wait holds the lock.
   mutable std::recursive_mutex mutex_;
@@ -148,6 +182,8 @@ class RecordingDelegate : public TransferSessionDelegate {
 
 class TransferTest : public ::testing::Test {
  protected:
+  using Kind = TransferEvent::Kind;
+
   void SetUp() override { server.start(); }
   void TearDown() override {
     service.reset();
@@ -157,14 +193,8 @@ class TransferTest : public ::testing::Test {
     server.stop();
   }
 
-  // The service under test; `freeSpace` replaces the file system's answer when set.
-  TransferService& startService(FreeSpaceProbe freeSpace = nullptr) {
-    TransferServiceOptions options;
-    options.freeSpace = std::move(freeSpace);
-    return startService(std::move(options));
-  }
-  // The same with options of the test's choosing; the test's link when they name none.
-  TransferService& startService(TransferServiceOptions options) {
+  // The service under test, with the test's link unless the options name another.
+  TransferService& startService(TransferServiceOptions options = {}) {
     if (!options.reachability) options.reachability = reachability;
     ErrorPtr error;
     service = TransferService::create(std::move(options), &error);
@@ -192,14 +222,19 @@ class TransferTest : public ::testing::Test {
     EXPECT_NE(c, nullptr);
     return *c;
   }
+  // Large enough (about 100 KB) to be caught mid-transfer when slowed down.
+  const content::Chapter& longChapter() const { return chapter(content::kLargeBookID, 1, 8); }
+  TransferRequest getChapter(const content::Chapter& c) const {
+    return get(server.baseURL() + c.audioPath);
+  }
+  // Sends the next `requests` audio bodies at 40 KB a second.
+  void slowAudio(uint64_t requests = 1) {
+    server.faults().add(content::Route::kAudio, content::Fault::bandwidth(40'000),
+                        content::Trigger::next(requests));
+  }
 
   std::filesystem::path temporaryDirectory() const {
     return library.path() / "SonorellSupport" / "TransferTemporaryFiles";
-  }
-
-  // Everything handed to the session's queues before this call has run.
-  static void drain(const TransferSessionPtr& session) {
-    session->delegateQueue()->sync([] {});
   }
 
   static std::vector<TransferTaskPtr> tasksOf(const TransferSessionPtr& session) {

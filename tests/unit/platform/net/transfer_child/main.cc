@@ -1,20 +1,18 @@
-// The child process of the process-death tests (see child_process.h): starts one transfer in
-// the session the parent names, reports its events on descriptor 3 and never returns on its own:
-// the parent kills it.
+// The child process of the process-death tests (see child_process.h for its arguments): starts
+// one transfer in the session the parent names, reports its events on descriptor 3 and never
+// returns on its own: the parent kills it.
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 
-#include "../child_process.h"
+#include "platform/foundation/library_directory.h"
 #include "platform/net/transfer_service.h"
 
 namespace {
 
 using namespace sonorell;
-using namespace sonorell::testing;
 
 void report(const std::string& line) {
   std::string text = line + "\n";
@@ -43,31 +41,23 @@ class ReportingDelegate : public TransferSessionDelegate {
   const bool blockInFinish_;
 };
 
-const char* setting(const char* name) {
-  const char* value = std::getenv(name);
-  if (!value) {
-    std::fprintf(stderr, "transfer_child: %s is not set; run only by the transfer tests\n", name);
-    std::exit(2);
-  }
-  return value;
-}
-
 }  // namespace
 
-int main() {
-  const std::string url = setting(kChildURL);
+int main(int argc, char** argv) {
+  if (argc != 7) {
+    std::fprintf(stderr, "transfer_child: run only by the transfer tests\n");
+    return 2;
+  }
+  LibraryDirectory::setPath(argv[1]);
   TransferSessionConfiguration config;
-  config.identifier = setting(kChildSession);
-  config.caBundle = setting(kChildCA);
-  const std::string description = setting(kChildDescription);
-  const char* block = std::getenv(kChildBlockInFinish);
-  auto delegate = std::make_shared<ReportingDelegate>(block && std::string(block) == "1");
-  auto service = TransferService::shared();  // journal under $SONORELL_LIBRARY_DIR
-  auto session = service->sessionWithConfiguration(config, delegate);
+  config.identifier = argv[4];
+  config.caBundle = argv[3];
+  auto delegate = std::make_shared<ReportingDelegate>(std::string(argv[6]) == "1");
+  auto session = TransferService::shared()->sessionWithConfiguration(config, delegate);
   TransferRequest request;
-  request.url = url;
+  request.url = argv[2];
   auto task = session->downloadTask(request);
-  task->setTaskDescription(description);
+  task->setTaskDescription(argv[5]);
   task->resume();
   report("started");
   for (;;) ::pause();
