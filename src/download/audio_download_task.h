@@ -1,0 +1,66 @@
+// QSOAudioDownloadTask: the audio task whose audio step creates one background transfer per
+// chapter of a download request, in the request's transfer session ("QLSO_" + request
+// identifier), and finishes when none of the request's chapters is left to fetch. The transfer
+// map and the scheduled flag are guarded by the task's own lock; transfers are resumed on the
+// serial "io.sonorell.download.scheduler" queue.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "download/audio_task.h"
+#include "download/session_delegate_router.h"
+#include "model/playlist.h"
+#include "persistence/chapter_status.h"
+#include "platform/net/transfer_session.h"
+#include "sonorell/download_engine.h"
+#include "sonorell/download_request.h"
+
+namespace sonorell {
+
+class QSOAudioDownloadTask : public QSOAAudioTask {
+ public:
+  static std::shared_ptr<QSOAudioDownloadTask> create(const QSODownloadRequest& request,
+                                                      Completion completion,
+                                                      std::weak_ptr<DownloadEngineCore> engine);
+
+  const QSODownloadRequest& request() const { return request_; }
+
+  void cancel() override;
+  bool checkForAudio() override;
+  void fetchAudio() override;
+  void complete() override;
+  void failedWithError(ErrorPtr error, std::optional<QSOChapterDescription> chapter) override;
+
+  // Creates the chapter's transfer (suspended) and records it; null when the task is over or the
+  // request cannot be built (then the task has failed with 11007 and `stateLock` is released).
+  TransferTaskPtr scheduleDownloadForChapter(const QSOChapterStatus& chapter,
+                                             const QSOPlaylist& playlist,
+                                             std::unique_lock<QSOStateLock>& stateLock);
+  std::optional<TransferRequest> requestForChapter(const QSOChapterDescription& chapter,
+                                                   const QSOPlaylist& playlist);
+  const TransferSessionPtr& audioDownloadSession();
+
+ private:
+  QSOAudioDownloadTask(const QSODownloadRequest& request, Completion completion,
+                       std::weak_ptr<DownloadEngineCore> engine);
+  // The router's per-chapter result, on the session's delegate queue.
+  void chapterFinished(ErrorPtr error, const QSOChapterDescription& chapter);
+  // The request's chapters with one status; fails the task with 11003 when the request covers
+  // no chapter at all (`stateLock` is then released).
+  std::optional<std::vector<QSOChapterStatusPtr>> requestedChaptersWithStatus(
+      uint64_t status, std::unique_lock<QSOStateLock>& stateLock);
+  void invalidateSession();
+
+  const QSODownloadRequest request_;
+  const DispatchQueuePtr urlSessionStartQueue_;
+  std::shared_ptr<QSOAudioDownloadSessionDelegateRouter> router_;  // set once in create()
+  TransferSessionPtr session_;                                     // set once in create()
+  std::map<std::string, TransferTaskPtr> downloadTasks_;           // guarded by taskMutex_
+  bool hasScheduledDownload_ = false;                              // guarded by taskMutex_
+};
+
+}  // namespace sonorell
