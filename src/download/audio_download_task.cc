@@ -35,15 +35,19 @@ std::shared_ptr<QSOAudioDownloadTask> QSOAudioDownloadTask::create(
     std::weak_ptr<DownloadEngineCore> engine) {
   std::shared_ptr<QSOAudioDownloadTask> task(
       new QSOAudioDownloadTask(request, std::move(completion), std::move(engine)));
+  connect(task);
+  return task;
+}
+
+void QSOAudioDownloadTask::connect(const std::shared_ptr<QSOAudioDownloadTask>& task) {
   std::weak_ptr<QSOAudioDownloadTask> weak = task;
   task->router_ = std::make_shared<QSOAudioDownloadSessionDelegateRouter>(
-      request,
+      task->request_,
       [weak](ErrorPtr error, const QSOChapterDescription& chapter) {
         if (auto self = weak.lock()) self->chapterFinished(std::move(error), chapter);
       },
       task->engine_);
   task->audioDownloadSession();
-  return task;
 }
 
 QSOAudioDownloadTask::QSOAudioDownloadTask(const QSODownloadRequest& request, Completion completion,
@@ -76,6 +80,7 @@ void QSOAudioDownloadTask::cancel() {
       std::lock_guard stateLock(*engine->stateLockForAudiobookID(audiobookID_));
       router_->setCancelled(true);
       for (const auto& [key, transfer] : downloadTasks_) transfer->cancel();
+      for (const auto& transfer : adopted_) transfer->cancel();
     }
   }
   QSOAAudioTask::cancel();
@@ -122,14 +127,7 @@ bool QSOAudioDownloadTask::checkForAudio() {
   const bool done = remaining == 0;
   LogEngineVerbose("[AudioDownloadTask] -(%@)checkForAudio", done ? "YES" : "NO");
   std::lock_guard lock(taskMutex_);
-  if (done && !hasScheduledDownload_) {
-    // The request asked for nothing that needs fetching.
-    QSONotificationPoster::sharedPoster()->postNotificationWithName(
-        QSODownloadRequestFailedNotification,
-        QSONotificationPoster::prepareDictionaryWithDownloadRequest(
-            &request_, std::string(downloadDescriptionForErrorCode(11003)), 11003, nullptr));
-    complete();
-  }
+  if (done && !hasScheduledDownload_) requestIsNeedless();
   if (!done && hasScheduledDownload_ && downloadTasks_.empty()) hasScheduledDownload_ = false;
   return done;
 }
@@ -160,7 +158,7 @@ void QSOAudioDownloadTask::fetchAudio() {
   std::lock_guard lock(taskMutex_);
   QSOProgressManager::sharedManager()->createProgressForAudiobookID(audiobookID_);
   std::unique_lock stateLock(*engine->stateLockForAudiobookID(audiobookID_));
-  auto toDownload = requestedChaptersWithStatus(DownloadStatusNotDownloaded, stateLock);
+  auto toDownload = getChaptersToDownload(stateLock);
   if (!toDownload) return;
   LogEngineVerbose("[AudioDownloadTask] Chapters to download: %@", describeChapters(*toDownload));
 
@@ -203,6 +201,25 @@ void QSOAudioDownloadTask::fetchAudio() {
   LogEngineVerbose("[AudioDownloadTask] Finished background task for request: %@",
                    request_.requestIdentifier());
   ProcessActivity::end(activity);
+}
+
+void QSOAudioDownloadTask::requestIsNeedless() {
+  QSONotificationPoster::sharedPoster()->postNotificationWithName(
+      QSODownloadRequestFailedNotification,
+      QSONotificationPoster::prepareDictionaryWithDownloadRequest(
+          &request_, std::string(downloadDescriptionForErrorCode(11003)), 11003, nullptr));
+  complete();
+}
+
+void QSOAudioDownloadTask::adoptTransfer(TransferTaskPtr transfer) {
+  std::lock_guard lock(taskMutex_);
+  adopted_.push_back(std::move(transfer));
+  hasScheduledDownload_ = true;
+}
+
+std::optional<std::vector<QSOChapterStatusPtr>> QSOAudioDownloadTask::getChaptersToDownload(
+    std::unique_lock<QSOStateLock>& stateLock) {
+  return requestedChaptersWithStatus(DownloadStatusNotDownloaded, stateLock);
 }
 
 std::optional<TransferRequest> QSOAudioDownloadTask::requestForChapter(
@@ -286,6 +303,9 @@ void QSOAudioDownloadTask::chapterFinished(ErrorPtr error, const QSOChapterDescr
     failedWithError(std::move(error), chapter);
     return;
   }
+  // A transfer adopted from an earlier run may end before this task has started; its start
+  // runs the audio step anyway, with metadata and a playlist at hand.
+  if (!isExecuting()) return;
   onStepQueue([](QSOAAudioTask& task) { task.fetchAudio(); });
 }
 

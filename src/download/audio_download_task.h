@@ -44,15 +44,30 @@ class QSOAudioDownloadTask : public QSOAAudioTask {
                                                    const QSOPlaylist& playlist);
   const TransferSessionPtr& audioDownloadSession();
 
- private:
+ protected:
   QSOAudioDownloadTask(const QSODownloadRequest& request, Completion completion,
                        std::weak_ptr<DownloadEngineCore> engine);
-  // The router's per-chapter result, on the session's delegate queue.
-  void chapterFinished(ErrorPtr error, const QSOChapterDescription& chapter);
+  // Makes the session's delegate and the session; called once by the factory functions.
+  static void connect(const std::shared_ptr<QSOAudioDownloadTask>& task);
+  // The chapters the audio step schedules, with the state lock held: those not downloaded.
+  // Nothing when the task failed (the lock is then released).
+  virtual std::optional<std::vector<QSOChapterStatusPtr>> getChaptersToDownload(
+      std::unique_lock<QSOStateLock>& stateLock);
   // The request's chapters with one status; fails the task with 11003 when the request covers
   // no chapter at all (`stateLock` is then released).
   std::optional<std::vector<QSOChapterStatusPtr>> requestedChaptersWithStatus(
       uint64_t status, std::unique_lock<QSOStateLock>& stateLock);
+  // The request asks for nothing that needs fetching: failed (11003) is posted and the task
+  // completes.
+  virtual void requestIsNeedless();
+  // A transfer of an earlier run is cancelled with this task, and makes the request not a
+  // needless one when its chapters are all done. It is not in the transfer map: its result may
+  // arrive before it is adopted.
+  void adoptTransfer(TransferTaskPtr transfer);
+
+ private:
+  // The router's per-chapter result, on the session's delegate queue.
+  void chapterFinished(ErrorPtr error, const QSOChapterDescription& chapter);
   void invalidateSession();
 
   const QSODownloadRequest request_;
@@ -60,6 +75,7 @@ class QSOAudioDownloadTask : public QSOAAudioTask {
   std::shared_ptr<QSOAudioDownloadSessionDelegateRouter> router_;  // set once in create()
   TransferSessionPtr session_;                                     // set once in create()
   std::map<std::string, TransferTaskPtr> downloadTasks_;           // guarded by taskMutex_
+  std::vector<TransferTaskPtr> adopted_;                           // guarded by taskMutex_
   bool hasScheduledDownload_ = false;                              // guarded by taskMutex_
 };
 

@@ -10,6 +10,7 @@
 #include "core/error_transformer.h"
 #include "core/logging.h"
 #include "core/notification_poster.h"
+#include "download/audio_download_resume_task.h"
 #include "download/audio_download_task.h"
 #include "download/integrity_manager.h"
 #include "download/metadata_status_recorder.h"
@@ -277,10 +278,32 @@ void DownloadEngineCore::callCompletionHandlerForSession(const std::string& sess
 }
 
 void DownloadEngineCore::restartOldRequests() {
-  // Resumption of stored requests arrives with start-up verification; until then they stay
-  // stored and the host may start them again.
-  LogEngineVerbose("[DownloadEngine] %lu stored requests wait for resumption",
-                   QSODownloadRequestDatabaseHelper::fetchAllRequests().size());
+  std::weak_ptr<DownloadEngineCore> weak = weak_from_this();
+  for (const auto& request : QSODownloadRequestDatabaseHelper::fetchAllRequests()) {
+    auto task = QSOAudioDownloadResumeTask::create(
+        request,
+        [weak, request](ErrorPtr error, std::optional<QSOChapterDescription> chapter) {
+          auto self = weak.lock();
+          if (!self) return;
+          if (!error) {
+            QSODownloadRequestDatabaseHelper::deleteFromDatabase(request);
+            self->downloadCompleteForRequest(request);
+            return;
+          }
+          // Nothing left to fetch: the request stays stored, as it always has.
+          if (error->code == 11003) return;
+          LogEngineVerbose(
+              "[DownloadEngine] restartOldRequests failed for audiobookID: %@ partNum: %d "
+              "chapterNum: %d sessionKey: %@ licenseID: %@",
+              request.audiobookID(), request.partNumber(), request.chapterNumber(),
+              request.sessionKey(), request.licenseID());
+          self->taskFailedForRequest(request, chapter, error->localizedDescription(), error->code,
+                                     error->underlyingError());
+          QSODownloadRequestDatabaseHelper::deleteFromDatabase(request);
+        },
+        weak);
+    if (!task->isFinished()) downloadTaskQueue_->addOperation(task);
+  }
 }
 
 // --- queries -----------------------------------------------------------------------------------

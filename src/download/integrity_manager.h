@@ -1,6 +1,7 @@
-// QSOIntegrityManager: how an audiobook's download status follows from its chapters (the rule
-// the engine applies after every chapter change) and its downloaded size. Class operations only,
-// no state; records are written through their own caches and the status database.
+// QSOIntegrityManager: makes the status database agree with the files on disk and the stored
+// requests (once at start-up, on a background queue, before stored requests are taken up again),
+// and holds the rule by which an audiobook's status follows from its chapters. Class operations
+// only, no state; records are written through their own caches and the status database.
 #pragma once
 
 #include <memory>
@@ -12,8 +13,26 @@
 
 namespace sonorell {
 
+class DownloadEngineCore;
+
 class QSOIntegrityManager {
  public:
+  // Starts verification in the background and returns at once: repairs every audiobook and
+  // chapter, removes orphaned files, has the engine restart stored requests, then posts
+  // QSODatabaseVerificationCompleteNotification.
+  static void verifyDatabase(std::shared_ptr<DownloadEngineCore> engine);
+  // The same steps on the calling thread.
+  static void verifyDatabaseNow(const std::shared_ptr<DownloadEngineCore>& engine);
+  // Paths of the chapter files below the audio directory, relative to it ("<ID>/<file>").
+  static std::vector<std::string> audioFilesOnDisk();
+  static void removeOrphanedFiles(const std::vector<std::string>& files);
+  static void verifyAudiobookStatus(QSOAudiobookStatus& audiobook, bool inProgress,
+                                    const std::vector<std::string>& filesOnDisk,
+                                    const std::vector<QSODownloadRequest>& currentRequests);
+  // One chapter against the disk and every stored request.
+  static void verifyChapterStatus(QSOChapterStatus& chapter);
+  static void verifyChapterStatus(QSOChapterStatus& chapter, bool existsOnDisk, bool inProgress);
+
   // True when a stored request names the audiobook.
   static bool audiobookInProgress(const QSOAudiobookStatus& audiobook);
   // True when one of the requests covers the chapter.

@@ -9,6 +9,7 @@
 #include "core/logging.h"
 #include "core/notification_poster.h"
 #include "core/service_urls.h"
+#include "download/integrity_manager.h"
 #include "engine/engine_composition.h"
 #include "persistence/filesystem_helper.h"
 #include "persistence/legacy_migration.h"
@@ -69,6 +70,7 @@ void QSOSonorell::setUpLogging() {
 
 void QSOSonorell::setUpDBs() {
   FilesystemHelper::createSupportDirectory();
+  QSOIntegrityManager::verifyDatabase(downloadEngine_->core());
   QSOPersistenceEngine::sharedEngine()->setUpStore();
 }
 

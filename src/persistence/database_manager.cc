@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <ctime>
+#include <filesystem>
 #include <mutex>
 
 #include "core/logging.h"
@@ -95,8 +97,25 @@ std::string QSODatabaseManager::errorMessage() const {
 
 void QSODatabaseManager::openDatabaseConnection() {
   FilesystemHelper::createSupportDirectory();
-  if (sqlite3_open(databasePath().c_str(), &database_) != SQLITE_OK) {
+  const std::string path = databasePath();
+  if (sqlite3_open(path.c_str(), &database_) != SQLITE_OK) {
     LogEngineError("[QSODatabaseManager] Error opening database: %@", errorMessage());
+  }
+  if (database_ && sqlite3_exec(database_, "PRAGMA schema_version", nullptr, nullptr, nullptr) ==
+                       SQLITE_NOTADB) {
+    // Something else is in its place. It may hold data a person wants back, so it is kept
+    // beside the new database rather than overwritten.
+    sqlite3_close(database_);
+    database_ = nullptr;
+    const std::string aside = path + ".unreadable-" + std::to_string(::time(nullptr));
+    std::error_code ec;
+    std::filesystem::rename(path, aside, ec);
+    LogEngineError("[QSODatabaseManager] %@ is not a database; kept as %@, starting a new one",
+                   path, ec ? std::string("(could not move it: ") + ec.message() + ")" : aside);
+    if (ec) std::filesystem::remove(path, ec);
+    if (sqlite3_open(path.c_str(), &database_) != SQLITE_OK) {
+      LogEngineError("[QSODatabaseManager] Error opening database: %@", errorMessage());
+    }
   }
   if (database_) {
     // Readers and the one writer do not block each other; a crash mid-write loses nothing.

@@ -3,6 +3,8 @@
 // leave behind.
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include "download/progress_manager.h"
 #include "download_engine_support.h"
 #include "persistence/audiobook_status.h"
@@ -342,6 +344,65 @@ TEST_F(DownloadEngineTest, NoRoomForAChapterFailsWith18000AndLosesNothingAlready
   EXPECT_TRUE(identicalToServer(*book, kept));
   EXPECT_EQ(engine->statusForAudiobookID(book->id, kept.part, kept.chapter),
             DownloadStatusDownloaded);
+}
+
+TEST_F(DownloadEngineTest, HostileIdentifiersAreStoredUnchangedOrRefusedAndNeverLeaveTheAudioTree) {
+  const auto* real = server.catalogue().book(content::kThreeChapterBookID);
+  makeEngine();
+  ASSERT_EQ(download(wholeBook(real->id)), QSODownloadRequestSuccessNotification);
+  const std::vector<std::string> stored = {"a\"b", "x--y", "'); DROP TABLE chapterStatus; --",
+                                           "\xC3\x9C"
+                                           "n\xC3\xAF"
+                                           "c\xC3\xB8"
+                                           "d\xC3\xA9 \xE6\x9B\xB8"};
+  const std::vector<std::string> refused = {"a/../b", "../escape", ".."};
+  auto answerAs = [&](const std::string& id) {
+    server.faults().clear();
+    nlohmann::json chapters = nlohmann::json::array();
+    nlohmann::json items = nlohmann::json::array();
+    for (const auto& c : real->chapters) {
+      chapters.push_back(
+          {{"duration", c.durationMs}, {"part_number", c.part}, {"chapter_number", c.chapter}});
+      items.push_back({{"part_number", c.part},
+                       {"chapter_number", c.chapter},
+                       {"url", server.audioURL(real->id, c.part, c.chapter)}});
+    }
+    nlohmann::json metadata = {
+        {"audiobook", {{"id", id}, {"actual_size", real->actualSize()}, {"chapters", chapters}}}};
+    nlohmann::json playlist = {{"playlist_token", "token-" + id},
+                               {"expires", "2099-01-02T03:04:05+0000"},
+                               {"playlist", items}};
+    server.faults().add(Route::kMetadata, Fault::customBody(200, metadata.dump()),
+                        Trigger::always());
+    server.faults().add(Route::kPlaylist, Fault::customBody(200, playlist.dump()),
+                        Trigger::always());
+  };
+  for (const auto& id : stored) {
+    SCOPED_TRACE(id);
+    answerAs(id);
+    ASSERT_EQ(download(wholeBook(id)), QSODownloadRequestSuccessNotification);
+    auto ids = engine->localAudiobookIDs();
+    EXPECT_NE(std::find(ids.begin(), ids.end(), id), ids.end());
+    EXPECT_EQ(engine->statusForAudiobookID(id), DownloadStatusDownloaded);
+    for (const auto& c : real->chapters) {
+      EXPECT_EQ(content::sha256Hex(fileBytes({id, c.part, c.chapter})), c.sha256);
+    }
+  }
+  for (const auto& id : refused) {
+    SCOPED_TRACE(id);
+    answerAs(id);
+    EXPECT_EQ(download(wholeBook(id)), QSODownloadRequestFailedNotification);
+    EXPECT_NE(engine->statusForAudiobookID(id), DownloadStatusDownloaded);
+  }
+  // Every chapter file lies in the audio tree, and the real book is untouched.
+  const auto audio = std::filesystem::weakly_canonical(FilesystemHelper::audioParentDirectory());
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(library.path())) {
+    if (entry.path().extension() != ".mp3") continue;
+    const auto file = std::filesystem::weakly_canonical(entry.path()).string();
+    EXPECT_TRUE(file.starts_with(audio.string() + "/")) << file;
+  }
+  for (const auto& c : real->chapters) EXPECT_TRUE(identicalToServer(*real, c));
+  EXPECT_EQ(engine->statusForAudiobookID(real->id), DownloadStatusDownloaded);
 }
 
 }  // namespace
