@@ -26,6 +26,13 @@ void post(std::string_view name, Dictionary info) {
   QSONotificationPoster::sharedPoster()->postNotificationWithName(name, std::move(info));
 }
 
+// An empty identifier: the command's refusal line, and nothing done.
+bool refused(const std::string& identifier, const char* line) {
+  if (!identifier.empty()) return false;
+  LogEngineInfo(line);
+  return true;
+}
+
 std::optional<std::string> cancelledText() {
   return std::string(QSODownloadFailureDownloadCancelledDescription);
 }
@@ -58,47 +65,35 @@ void DownloadEngineCore::pauseRequest(const QSODownloadRequest& request) {
 void DownloadEngineCore::pauseDownloadForRequestIdentifier(const std::string& requestIdentifier) {
   LogEngineInfo("[DownloadEngine] -(void)pauseDownloadForRequestIdentifier: [%@]",
                 requestIdentifier);
-  std::weak_ptr<DownloadEngineCore> weak = weak_from_this();
-  runOnInputQueue([weak, requestIdentifier] {
-    auto self = weak.lock();
-    if (!self) return;
-    if (requestIdentifier.empty()) {
-      LogEngineInfo(
-          "[Download Engine] No valid audiobokID. Exiting pauseDownloadForRequestIdentifier:");
+  runOnInputQueue([requestIdentifier](DownloadEngineCore& self) {
+    if (refused(
+            requestIdentifier,
+            "[Download Engine] No valid audiobokID. Exiting pauseDownloadForRequestIdentifier:"))
       return;
-    }
     if (auto request =
             QSODownloadRequestDatabaseHelper::fetchRequestForRequestIdentifier(requestIdentifier)) {
-      self->pauseRequest(*request);
+      self.pauseRequest(*request);
     }
   });
 }
 
 void DownloadEngineCore::pauseAll() {
   LogEngineInfo("[DownloadEngine] -(void)pauseAll");
-  std::weak_ptr<DownloadEngineCore> weak = weak_from_this();
-  runOnInputQueue([weak] {
-    auto self = weak.lock();
-    if (!self) return;
+  runOnInputQueue([](DownloadEngineCore& self) {
     for (const auto& request : QSODownloadRequestDatabaseHelper::fetchAllRequests()) {
-      self->pauseRequest(request);
+      self.pauseRequest(request);
     }
   });
 }
 
 void DownloadEngineCore::pauseForAudiobookID(const std::string& audiobookID) {
   LogEngineInfo("[DownloadEngine] -(void)pauseForAudiobookID: [%@]", audiobookID);
-  std::weak_ptr<DownloadEngineCore> weak = weak_from_this();
-  runOnInputQueue([weak, audiobookID] {
-    auto self = weak.lock();
-    if (!self) return;
-    if (audiobookID.empty()) {
-      LogEngineInfo("[Download Engine] No valid audiobokID. Exiting pauseForAudiobookID");
+  runOnInputQueue([audiobookID](DownloadEngineCore& self) {
+    if (refused(audiobookID, "[Download Engine] No valid audiobokID. Exiting pauseForAudiobookID"))
       return;
-    }
-    self->cancelTasksForAudiobookID(audiobookID);
+    self.cancelTasksForAudiobookID(audiobookID);
     {
-      std::lock_guard stateLock(*self->stateLockForAudiobookID(audiobookID));
+      std::lock_guard stateLock(*self.stateLockForAudiobookID(audiobookID));
       if (auto audiobook =
               QSOAudiobookStatus::fetchAudiobookStatusForAudiobookIdentifier(audiobookID);
           audiobook && audiobook->downloadStatus() != DownloadStatusDownloaded) {
@@ -125,10 +120,7 @@ void DownloadEngineCore::cancelRequest(const QSODownloadRequest& request) {
 
 void DownloadEngineCore::cancelDownloadForRequestIdentifier(const std::string& requestIdentifier) {
   LogEngineInfo("[DownloadEngine]-(void)cancelForRequestIdentifier:[%@]", requestIdentifier);
-  std::weak_ptr<DownloadEngineCore> weak = weak_from_this();
-  runOnInputQueue([weak, requestIdentifier] {
-    auto self = weak.lock();
-    if (!self) return;
+  runOnInputQueue([requestIdentifier](DownloadEngineCore& self) {
     auto request =
         requestIdentifier.empty()
             ? std::nullopt
@@ -137,35 +129,27 @@ void DownloadEngineCore::cancelDownloadForRequestIdentifier(const std::string& r
       LogEngineInfo("[Download Engine] No valid requestID. Exiting cancelForAudiobookID");
       return;
     }
-    self->cancelRequest(*request);
+    self.cancelRequest(*request);
   });
 }
 
 void DownloadEngineCore::cancelAll() {
   LogEngineInfo("[DownloadEngine] -(void)cancelAll");
-  std::weak_ptr<DownloadEngineCore> weak = weak_from_this();
-  runOnInputQueue([weak] {
-    auto self = weak.lock();
-    if (!self) return;
+  runOnInputQueue([](DownloadEngineCore& self) {
     for (const auto& request : QSODownloadRequestDatabaseHelper::fetchAllRequests()) {
-      self->cancelRequest(request);
+      self.cancelRequest(request);
     }
   });
 }
 
 void DownloadEngineCore::cancelForAudiobookID(const std::string& audiobookID) {
   LogEngineInfo("[DownloadEngine]-(void)cancelForAudiobookID:[%@]", audiobookID);
-  std::weak_ptr<DownloadEngineCore> weak = weak_from_this();
-  runOnInputQueue([weak, audiobookID] {
-    auto self = weak.lock();
-    if (!self) return;
-    if (audiobookID.empty()) {
-      LogEngineInfo("[Download Engine] No valid audiobokID. Exiting cancelForAudiobookID");
+  runOnInputQueue([audiobookID](DownloadEngineCore& self) {
+    if (refused(audiobookID, "[Download Engine] No valid audiobokID. Exiting cancelForAudiobookID"))
       return;
-    }
-    self->cancelTasksForAudiobookID(audiobookID);
-    std::lock_guard stateLock(*self->stateLockForAudiobookID(audiobookID));
-    self->resetAndDeleteForAudiobookID(audiobookID);
+    self.cancelTasksForAudiobookID(audiobookID);
+    std::lock_guard stateLock(*self.stateLockForAudiobookID(audiobookID));
+    self.resetAndDeleteForAudiobookID(audiobookID);
   });
 }
 
@@ -174,19 +158,14 @@ void DownloadEngineCore::cancelForAudiobookID(const std::string& audiobookID, ui
   LogEngineInfo(
       "[DownloadEngine] -(void)cancelForAudiobookID:[%@] partNumber:[%d] chapterNumber:[%d]",
       audiobookID, part, chapter);
-  std::weak_ptr<DownloadEngineCore> weak = weak_from_this();
-  runOnInputQueue([weak, audiobookID, part, chapter] {
-    auto self = weak.lock();
-    if (!self) return;
-    if (audiobookID.empty()) {
-      LogEngineInfo(
-          "[Download Engine] No valid audiobokID. Exiting cancelForAudiobookID: partNumber: "
-          "chapterNumber:");
+  runOnInputQueue([audiobookID, part, chapter](DownloadEngineCore& self) {
+    if (refused(audiobookID,
+                "[Download Engine] No valid audiobokID. Exiting cancelForAudiobookID: partNumber: "
+                "chapterNumber:"))
       return;
-    }
-    self->cancelTasksForAudiobookID(audiobookID, part, chapter);
-    std::lock_guard stateLock(*self->stateLockForAudiobookID(audiobookID));
-    self->resetAndDeleteForAudiobookID(audiobookID, part, chapter);
+    self.cancelTasksForAudiobookID(audiobookID, part, chapter);
+    std::lock_guard stateLock(*self.stateLockForAudiobookID(audiobookID));
+    self.resetAndDeleteForAudiobookID(audiobookID, part, chapter);
   });
 }
 
@@ -267,15 +246,10 @@ void DownloadEngineCore::deleteAudiobookNow(const std::string& audiobookID) {
 
 void DownloadEngineCore::deleteForAudiobookID(const std::string& audiobookID) {
   LogEngineInfo("[DownloadEngine] -(void)deleteForAudiobookID:[%@]", audiobookID);
-  std::weak_ptr<DownloadEngineCore> weak = weak_from_this();
-  runOnInputQueue([weak, audiobookID] {
-    auto self = weak.lock();
-    if (!self) return;
-    if (audiobookID.empty()) {
-      LogEngineInfo("[Download Engine] No valid audiobokID. Exiting deleteForAudiobookID");
+  runOnInputQueue([audiobookID](DownloadEngineCore& self) {
+    if (refused(audiobookID, "[Download Engine] No valid audiobokID. Exiting deleteForAudiobookID"))
       return;
-    }
-    self->deleteAudiobookNow(audiobookID);
+    self.deleteAudiobookNow(audiobookID);
   });
 }
 
@@ -284,30 +258,22 @@ void DownloadEngineCore::deleteForAudiobookID(const std::string& audiobookID, ui
   LogEngineInfo(
       "[DownloadEngine] -(void)deleteForAudiobookID:[%@] partNumber:[%d] chapterNumber:[%d]",
       audiobookID, part, chapter);
-  std::weak_ptr<DownloadEngineCore> weak = weak_from_this();
-  runOnInputQueue([weak, audiobookID, part, chapter] {
-    auto self = weak.lock();
-    if (!self) return;
-    if (audiobookID.empty()) {
-      LogEngineInfo(
-          "[Download Engine] No valid audiobokID. Exiting deleteForAudiobookID: partNumber: "
-          "chapterNumber:");
+  runOnInputQueue([audiobookID, part, chapter](DownloadEngineCore& self) {
+    if (refused(audiobookID,
+                "[Download Engine] No valid audiobokID. Exiting deleteForAudiobookID: partNumber: "
+                "chapterNumber:"))
       return;
-    }
-    self->cancelTasksForAudiobookID(audiobookID, part, chapter);
-    std::lock_guard stateLock(*self->stateLockForAudiobookID(audiobookID));
-    self->resetAndDeleteForAudiobookID(audiobookID, part, chapter);
+    self.cancelTasksForAudiobookID(audiobookID, part, chapter);
+    std::lock_guard stateLock(*self.stateLockForAudiobookID(audiobookID));
+    self.resetAndDeleteForAudiobookID(audiobookID, part, chapter);
   });
 }
 
 void DownloadEngineCore::deleteAll() {
   LogEngineInfo("[DownloadEngine] -(void)deleteAll");
-  std::weak_ptr<DownloadEngineCore> weak = weak_from_this();
-  runOnInputQueue([weak] {
-    auto self = weak.lock();
-    if (!self) return;
+  runOnInputQueue([](DownloadEngineCore& self) {
     for (const auto& audiobookID : QSOAudiobookStatus::fetchAllAudiobookIdentifiers()) {
-      self->deleteAudiobookNow(audiobookID);
+      self.deleteAudiobookNow(audiobookID);
     }
   });
 }

@@ -54,8 +54,11 @@ DownloadEngineCore::DownloadEngineCore(ServicesPtr services)
       lockQueue_(DispatchQueue::create("io.sonorell.downloadengine.concurrency")),
       userInputQueue_(DispatchQueue::create("io.sonorell.downloadengine.input")) {}
 
-void DownloadEngineCore::runOnInputQueue(std::function<void()> block) {
-  QSONotificationPoster::runOnQueue(userInputQueue_.load(), std::move(block));
+void DownloadEngineCore::runOnInputQueue(std::function<void(DownloadEngineCore&)> command) {
+  std::weak_ptr<DownloadEngineCore> weak = weak_from_this();
+  QSONotificationPoster::runOnQueue(userInputQueue_.load(), [weak, command = std::move(command)] {
+    if (auto self = weak.lock()) command(*self);
+  });
 }
 
 void DownloadEngineCore::disableDispatch() { userInputQueue_.store(nullptr); }
@@ -75,18 +78,15 @@ std::shared_ptr<QSOStateLock> DownloadEngineCore::stateLockForAudiobookID(
 
 void DownloadEngineCore::startDownloadWithRequest(const QSODownloadRequest& request) {
   LogEngineInfo("[DownloadEngine] -(void)startWithRequest: %@", request);
-  std::weak_ptr<DownloadEngineCore> weak = weak_from_this();
-  runOnInputQueue([weak, request] {
-    auto self = weak.lock();
-    if (!self) return;
-    if (!self->validator_.validateRequest(request)) {
+  runOnInputQueue([request](DownloadEngineCore& self) {
+    if (!self.validator_.validateRequest(request)) {
       const std::string text(downloadDescriptionForErrorCode(11000));
       post(QSODownloadRequestFailedNotification, byRequest(request, 11000, text));
       post(QSOAudiobookDownloadFailedNotification, byRequest(request, 11000, text));
       return;
     }
     LogEngineVerbose("[DownloadEngine] request valid, scheduling");
-    self->scheduleRequest(request);
+    self.scheduleRequest(request);
   });
 }
 

@@ -85,7 +85,8 @@ class DownloadEngineCore : public std::enable_shared_from_this<DownloadEngineCor
   void downloadCompleteForRequest(const QSODownloadRequest& request);
 
  private:
-  void runOnInputQueue(std::function<void()> block);
+  // Runs the command on the input queue (at once after disableDispatch) while the engine lives.
+  void runOnInputQueue(std::function<void(DownloadEngineCore&)> command);
   void scheduleRequest(const QSODownloadRequest& request);
   void beginDownloadOperation(const QSODownloadRequest& request);
   void pauseRequest(const QSODownloadRequest& request);
