@@ -1,5 +1,11 @@
 #include "catalogue.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -15,6 +21,9 @@ struct ChapterSpec {
   std::uint64_t part;
   std::uint64_t chapter;
   Tone tone;
+  // 0: the tone's rendition itself, in memory. Otherwise a file of this many frames of it,
+  // repeated, served from disk.
+  std::uint64_t frames = 0;
 };
 
 struct BookSpec {
@@ -66,20 +75,33 @@ std::vector<BookSpec> bookSpecs() {
     large.chapters.push_back({1 + g / 20, 1 + g % 20, {200 + 50 * variant, 6 + variant}});
   }
   books.push_back(std::move(large));
+  // Four 10-second renditions repeated to about 48,000 frames of 209 bytes: 10 MB and 21
+  // minutes a chapter, each 250 frames (6.5 s) longer than the one before.
+  BookSpec tenMegabyte{describe(std::string(kTenMegabyteChapterBookID), "The Patient Hours",
+                                "Twenty Long Chapters", "Clara Drone", "Otto Hum", "Long Books"),
+                       {}};
+  for (std::uint64_t n = 1; n <= 20; ++n) {
+    const int variant = static_cast<int>(n % 4);
+    tenMegabyte.chapters.push_back({0, n, {262 + 37 * variant, 10}, 47'500 + 250 * n});
+  }
+  books.push_back(std::move(tenMegabyte));
   return books;
+}
+
+std::string stemOf(Tone tone) {
+  return "tone-" + std::to_string(tone.frequencyHz) + "hz-" + std::to_string(tone.seconds) + "s";
 }
 
 // One rendered file, shared by every chapter that uses the same tone.
 struct Rendition {
   std::uint64_t durationMs;
   std::string sha256;
-  std::shared_ptr<const std::string> bytes;
+  std::shared_ptr<const ChapterBytes> bytes;
 };
 
 Rendition loadRendition(const std::filesystem::path& audioDir, Tone tone,
                         CatalogueLoadStats* stats) {
-  const std::string stem =
-      "tone-" + std::to_string(tone.frequencyHz) + "hz-" + std::to_string(tone.seconds) + "s";
+  const std::string stem = stemOf(tone);
   const auto mp3 = audioDir / (stem + ".mp3");
   const auto duration = audioDir / (stem + ".duration-ms");
   // The duration file is written last, so its presence means both files are complete.
@@ -90,9 +112,51 @@ Rendition loadRendition(const std::filesystem::path& audioDir, Tone tone,
   } else if (stats) {
     ++stats->reused;
   }
-  auto bytes = std::make_shared<const std::string>(readFile(mp3));
+  std::string bytes = readFile(mp3);
+  std::string digest = sha256Hex(bytes);
   const std::string durationText = readFile(duration);
-  return Rendition{std::stoull(durationText), sha256Hex(*bytes), std::move(bytes)};
+  return Rendition{std::stoull(durationText), std::move(digest),
+                   ChapterBytes::inMemory(std::move(bytes))};
+}
+
+// A long chapter's file: `frames` frames of a rendition, repeated. Its size and digest are kept
+// in a facts file written after it, so that a later start reads neither the audio nor hashes it.
+Chapter loadLongChapter(const std::filesystem::path& audioDir, Tone tone, std::uint64_t frames,
+                        const Rendition& rendition, CatalogueLoadStats* stats) {
+  const std::string stem = stemOf(tone) + "-x" + std::to_string(frames) + "frames";
+  const auto mp3 = audioDir / (stem + ".mp3");
+  const auto factsFile = audioDir / (stem + ".facts");
+  std::uint64_t size = 0;
+  std::string digest;
+  std::error_code ec;
+  if (std::filesystem::exists(factsFile)) {
+    std::istringstream(readFile(factsFile)) >> size >> digest;
+  }
+  if (digest.empty() || std::filesystem::file_size(mp3, ec) != size || ec) {
+    const std::string source = rendition.bytes->all();
+    // Durations are counted in frames, which holds only if each decodes to a full frame of
+    // samples; the rendition's measured duration says whether they do.
+    const std::uint64_t perPass = mp3FrameBoundaries(source).size() - 1;
+    if (durationMsOfFrames(perPass) != rendition.durationMs) {
+      throw std::runtime_error(mp3.string() + ": " + std::to_string(perPass) +
+                               " frames decode to " + std::to_string(rendition.durationMs) + " ms");
+    }
+    const std::string bytes = repeatFrames(source, frames);
+    size = bytes.size();
+    digest = sha256Hex(bytes);
+    writeFileAtomically(mp3, bytes);
+    writeFileAtomically(factsFile, std::to_string(size) + " " + digest);
+    if (stats) ++stats->rendered;
+  } else if (stats) {
+    ++stats->reused;
+  }
+  Chapter c;
+  c.durationMs = durationMsOfFrames(frames);
+  c.size = size;
+  c.sha256 = std::move(digest);
+  c.bytes = ChapterBytes::onDisk(mp3);
+  if (c.bytes->size() != size) throw std::runtime_error(mp3.string() + " changed while loading");
+  return c;
 }
 
 }  // namespace
@@ -116,7 +180,53 @@ const Chapter* Book::chapter(std::uint64_t part, std::uint64_t number) const {
   return nullptr;
 }
 
-std::string_view Catalogue::version() { return "catalogue-1"; }
+std::shared_ptr<const ChapterBytes> ChapterBytes::inMemory(std::string bytes) {
+  std::shared_ptr<ChapterBytes> b(new ChapterBytes());
+  b->size_ = bytes.size();
+  b->memory_ = std::move(bytes);
+  return b;
+}
+
+std::shared_ptr<const ChapterBytes> ChapterBytes::onDisk(const std::filesystem::path& file) {
+  std::shared_ptr<ChapterBytes> b(new ChapterBytes());
+  b->fd_ = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  if (b->fd_ < 0) throw std::runtime_error("cannot open " + file.string());
+  const off_t end = ::lseek(b->fd_, 0, SEEK_END);
+  if (end < 0) throw std::runtime_error("cannot size " + file.string());
+  b->size_ = static_cast<std::uint64_t>(end);
+  return b;
+}
+
+ChapterBytes::~ChapterBytes() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+bool ChapterBytes::read(std::uint64_t offset, char* out, std::size_t n) const {
+  if (offset > size_ || n > size_ - offset) return false;
+  if (fd_ < 0) {
+    memory_.copy(out, n, offset);
+    return true;
+  }
+  // pread keeps no file position, so worker threads share the descriptor.
+  while (n > 0) {
+    const ssize_t got = ::pread(fd_, out, n, static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    out += got;
+    offset += static_cast<std::uint64_t>(got);
+    n -= static_cast<std::size_t>(got);
+  }
+  return true;
+}
+
+std::string ChapterBytes::slice(std::uint64_t offset, std::uint64_t length) const {
+  if (offset > size_) offset = size_;
+  std::string out(std::min(length, size_ - offset), '\0');
+  if (!read(offset, out.data(), out.size())) throw std::runtime_error("chapter file unreadable");
+  return out;
+}
+
+std::string_view Catalogue::version() { return "catalogue-2"; }
 
 Catalogue Catalogue::load(const std::filesystem::path& dataDir, CatalogueLoadStats* stats) {
   const auto audioDir = dataDir / "audio";
@@ -135,8 +245,13 @@ Catalogue Catalogue::load(const std::filesystem::path& dataDir, CatalogueLoadSta
     Book book = std::move(entry.book);
     for (const ChapterSpec& c : entry.chapters) {
       const Rendition& r = renditionFor(c.tone);
-      book.chapters.push_back(Chapter{c.part, c.chapter, r.durationMs, r.bytes->size(), r.sha256,
-                                      audioPath(book.id, c.part, c.chapter), r.bytes});
+      Chapter chapter = c.frames == 0
+                            ? Chapter{0, 0, r.durationMs, r.bytes->size(), r.sha256, {}, r.bytes}
+                            : loadLongChapter(audioDir, c.tone, c.frames, r, stats);
+      chapter.part = c.part;
+      chapter.chapter = c.chapter;
+      chapter.audioPath = audioPath(book.id, c.part, c.chapter);
+      book.chapters.push_back(std::move(chapter));
     }
     catalogue.books_.push_back(std::move(book));
   }
@@ -153,7 +268,7 @@ const Book* Catalogue::book(std::string_view id) const {
 std::vector<std::string> Catalogue::shortBookIDs() const {
   std::vector<std::string> ids;
   for (const Book& b : books_) {
-    if (b.id != kLargeBookID) ids.push_back(b.id);
+    if (b.id != kLargeBookID && b.id != kTenMegabyteChapterBookID) ids.push_back(b.id);
   }
   return ids;
 }

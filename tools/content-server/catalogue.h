@@ -1,5 +1,6 @@
 // The audiobooks this server offers: a fixed, deterministic list of books whose chapters are MP3
 // tones that the server renders itself into a data directory the first time and reads back later.
+// Short chapters are held in memory; long ones stay in their files and are read on demand.
 // A Catalogue is immutable once loaded and may be read from any thread.
 #pragma once
 
@@ -18,6 +19,35 @@ inline constexpr std::string_view kFourChapterBookID = "1002";
 inline constexpr std::string_view kTwoPartBookID = "1003";
 // The large book: 60 chapters in three parts.
 inline constexpr std::string_view kLargeBookID = "2001";
+// Twenty chapters of about 10 MB (some 22 minutes) each, served from files.
+inline constexpr std::string_view kTenMegabyteChapterBookID = "3001";
+
+// A chapter file's bytes: in memory, or read from the file in the data directory on demand (long
+// chapters, which would otherwise cost every process that starts a server hundreds of MB).
+// Immutable; reads are safe from any thread.
+class ChapterBytes {
+ public:
+  static std::shared_ptr<const ChapterBytes> inMemory(std::string bytes);
+  // Keeps the file open for reading. Throws std::runtime_error when it cannot be opened.
+  static std::shared_ptr<const ChapterBytes> onDisk(const std::filesystem::path& file);
+  ~ChapterBytes();
+  ChapterBytes(const ChapterBytes&) = delete;
+  ChapterBytes& operator=(const ChapterBytes&) = delete;
+
+  std::uint64_t size() const { return size_; }
+  bool isInMemory() const { return fd_ < 0; }
+  // Copies [offset, offset + n), which lies within the file; false when the file cannot be read.
+  bool read(std::uint64_t offset, char* out, std::size_t n) const;
+  // The same as a string; throws std::runtime_error when the file cannot be read.
+  std::string slice(std::uint64_t offset, std::uint64_t length) const;
+  std::string all() const { return slice(0, size_); }
+
+ private:
+  ChapterBytes() = default;
+  std::string memory_;
+  int fd_ = -1;
+  std::uint64_t size_ = 0;
+};
 
 struct Chapter {
   std::uint64_t part = 0;
@@ -26,7 +56,7 @@ struct Chapter {
   std::uint64_t size = 0;        // bytes of the MP3 file
   std::string sha256;            // lower-case hex of the file's bytes
   std::string audioPath;         // path on the server, e.g. /audio/1001/0/1.mp3
-  std::shared_ptr<const std::string> bytes;
+  std::shared_ptr<const ChapterBytes> bytes;
 };
 
 struct Book {
@@ -71,7 +101,7 @@ class Catalogue {
 
   const std::vector<Book>& books() const { return books_; }
   const Book* book(std::string_view id) const;
-  // Ids of the short books, in catalogue order.
+  // Ids of the short books (seconds per chapter), in catalogue order.
   std::vector<std::string> shortBookIDs() const;
 
  private:

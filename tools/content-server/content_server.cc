@@ -167,8 +167,7 @@ std::string ContentServer::currentBytes(std::string_view path) const {
   const auto file = servedFile(impl_->state, path);
   if (!file) return {};
   std::string bytes(file->size, '\0');
-  file->read(0, bytes.data(), bytes.size());
-  return bytes;
+  return file->read(0, bytes.data(), bytes.size()) ? bytes : std::string();
 }
 
 std::string ContentServer::currentETag(std::string_view path) const {

@@ -22,14 +22,13 @@ void FileVersions::reset() {
   versions_.clear();
 }
 
-std::shared_ptr<const std::string> versionBytes(std::shared_ptr<const std::string> original,
-                                                std::uint64_t version) {
-  if (version == 0) return original;
-  auto bytes = std::make_shared<std::string>(*original);
+void applyVersion(std::uint64_t version, std::uint64_t offset, char* bytes, std::size_t n) {
+  if (version == 0) return;
   const auto mask = static_cast<char>(0x5A ^ (version & 0xFF) ^ ((version >> 8) & 0xFF));
   const char flip = mask == 0 ? static_cast<char>(0xA5) : mask;
-  for (std::size_t i = 0; i < bytes->size(); i += 512) (*bytes)[i] ^= flip;
-  return bytes;
+  for (std::uint64_t at = (offset + 511) / 512 * 512; at < offset + n; at += 512) {
+    bytes[at - offset] ^= flip;
+  }
 }
 
 std::string lastModifiedText(std::uint64_t version) {

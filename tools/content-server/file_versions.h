@@ -3,9 +3,9 @@
 // validators (ETag, Last-Modified) are new. One mutex guards the map; safe from any thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -24,10 +24,9 @@ class FileVersions {
   std::map<std::string, std::uint64_t, std::less<>> versions_;  // guarded by mutex_
 };
 
-// The bytes of `version` of a file whose version 0 is `original` (same size; a byte in every 512
-// differs, so a resume that splices two versions never matches either).
-std::shared_ptr<const std::string> versionBytes(std::shared_ptr<const std::string> original,
-                                                std::uint64_t version);
+// Turns bytes [offset, offset + n) of a file's version 0 into those of `version`, in place (same
+// size; a byte in every 512 differs, so a resume that splices two versions never matches either).
+void applyVersion(std::uint64_t version, std::uint64_t offset, char* bytes, std::size_t n);
 
 // Last-Modified of a version: a fixed date, one hour later per version (IMF-fixdate).
 std::string lastModifiedText(std::uint64_t version);

@@ -11,8 +11,10 @@
 namespace sonorell::content {
 namespace {
 
-constexpr int kSampleRate = 44100;
 constexpr int kSamplesPerBuffer = 441;  // 10 ms, so whole seconds are whole buffers
+// MPEG-1 Layer III bit rates by header index, kbit/s (0: free format, 15: invalid).
+constexpr unsigned kBitRates[16] = {0,   32,  40,  48,  56,  64,  80,  96,
+                                    112, 128, 160, 192, 224, 256, 320, 0};
 
 struct PipelineDeleter {
   void operator()(GstElement* p) const {
@@ -56,6 +58,13 @@ void runToEnd(GstElement* pipeline) {
   if (!failure.empty()) throw std::runtime_error("pipeline failed: " + failure);
 }
 
+// How many bytes of a frame's audio data sit in earlier frames (the bit reservoir).
+unsigned mainDataBegin(std::string_view mp3, std::size_t frameOffset) {
+  const auto* h = reinterpret_cast<const unsigned char*>(mp3.data() + frameOffset);
+  const auto* side = h + ((h[1] & 1) ? 4 : 6);  // past the CRC when there is one
+  return (unsigned{side[0]} << 1) | (side[1] >> 7);
+}
+
 // Pipelines are described as text; quote a path for gst_parse_launch.
 std::string quoted(const std::filesystem::path& path) {
   std::string out = "\"";
@@ -73,7 +82,7 @@ void renderToneMp3(Tone tone, const std::filesystem::path& path) {
   const auto temp =
       path.parent_path() / (path.filename().string() + ".tmp-" + std::to_string(::getpid()) + "-" +
                             std::to_string(sequence++));
-  const int buffers = tone.seconds * (kSampleRate / kSamplesPerBuffer);
+  const int buffers = tone.seconds * (static_cast<int>(kSampleRate) / kSamplesPerBuffer);
   Pipeline p = parse("audiotestsrc wave=sine volume=0.4 freq=" + std::to_string(tone.frequencyHz) +
                      " num-buffers=" + std::to_string(buffers) +
                      " samplesperbuffer=" + std::to_string(kSamplesPerBuffer) +
@@ -110,6 +119,46 @@ std::uint64_t decodedDurationMs(const std::filesystem::path& path) {
   runToEnd(p.get());
   const std::uint64_t samples = bytes / 2;
   return (samples * 1000 + kSampleRate / 2) / kSampleRate;
+}
+
+std::vector<std::size_t> mp3FrameBoundaries(std::string_view mp3) {
+  std::vector<std::size_t> boundaries;
+  std::size_t at = 0;
+  while (at < mp3.size()) {
+    if (mp3.size() - at < 4) throw std::runtime_error("MP3 ends inside a frame header");
+    const auto* h = reinterpret_cast<const unsigned char*>(mp3.data() + at);
+    // Sync, MPEG-1, Layer III; a known bit rate; 44.1 kHz.
+    const unsigned rate = kBitRates[h[2] >> 4];
+    if (h[0] != 0xFF || (h[1] & 0xFE) != 0xFA || rate == 0 || ((h[2] >> 2) & 3) != 0) {
+      throw std::runtime_error("no MPEG-1 Layer III frame at byte " + std::to_string(at));
+    }
+    const std::size_t length = 144 * rate * 1000 / kSampleRate + ((h[2] >> 1) & 1);
+    if (mp3.size() - at < length) throw std::runtime_error("MP3 ends inside a frame");
+    boundaries.push_back(at);
+    at += length;
+  }
+  boundaries.push_back(at);
+  return boundaries;
+}
+
+std::string repeatFrames(std::string_view rendition, std::uint64_t frames) {
+  const std::vector<std::size_t> bounds = mp3FrameBoundaries(rendition);
+  const std::uint64_t perPass = bounds.size() - 1;
+  if (perPass == 0) throw std::runtime_error("the rendition has no frames");
+  if (mainDataBegin(rendition, 0) != 0) {
+    throw std::runtime_error("the rendition's first frame borrows from a bit reservoir");
+  }
+  const std::uint64_t passes = frames / perPass;
+  const std::size_t tail = bounds[frames % perPass];
+  std::string out;
+  out.reserve(passes * rendition.size() + tail);
+  for (std::uint64_t i = 0; i < passes; ++i) out.append(rendition);
+  out.append(rendition.substr(0, tail));
+  return out;
+}
+
+std::uint64_t durationMsOfFrames(std::uint64_t frames) {
+  return (frames * kSamplesPerFrame * 1000 + kSampleRate / 2) / kSampleRate;
 }
 
 }  // namespace sonorell::content

@@ -61,6 +61,7 @@ Body Body::of(std::shared_ptr<const std::string> bytes, std::uint64_t offset,
   return Body{length,
               [bytes = std::move(bytes), offset](std::uint64_t at, char* out, std::size_t n) {
                 std::memcpy(out, bytes->data() + offset + at, n);
+                return true;
               }};
 }
 
@@ -118,8 +119,7 @@ void send(const httplib::Request& request, httplib::Response& response, Reply re
         std::vector<char> buffer(std::min<std::uint64_t>(kChunk, end - offset));
         for (std::uint64_t at = offset; at < end;) {
           const std::size_t n = std::min<std::uint64_t>(buffer.size(), end - at);
-          body.read(at, buffer.data(), n);
-          if (!sink.write(buffer.data(), n)) return false;
+          if (!body.read(at, buffer.data(), n) || !sink.write(buffer.data(), n)) return false;
           at += n;
         }
         if (pacing->bytesPerSecond > 0) {

@@ -40,7 +40,8 @@ class StopSignal {
 // The bytes to send, read on demand so that large bodies are never held whole.
 struct Body {
   std::uint64_t size = 0;
-  std::function<void(std::uint64_t offset, char* out, std::size_t n)> read;
+  // False when the bytes cannot be had: the connection closes short of the promised length.
+  std::function<bool(std::uint64_t offset, char* out, std::size_t n)> read;
 
   static Body of(std::shared_ptr<const std::string> bytes, std::uint64_t offset,
                  std::uint64_t length);

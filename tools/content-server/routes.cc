@@ -1,9 +1,11 @@
 #include "routes.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <regex>
+#include <stdexcept>
 
 #include "blob.h"
 #include "byte_range.h"
@@ -36,6 +38,20 @@ std::optional<Fault> begin(ServerState& state, Route route, const httplib::Reque
   }
   state.recorder.record(std::move(record));
   return state.faults.pick(route, req.path);
+}
+
+// SHA-256 of what the file serves, read a piece at a time (a changed chapter may be 10 MB).
+std::string digestOf(const ServedFile& file) {
+  Sha256 digest;
+  std::string piece;
+  for (std::uint64_t at = 0; at < file.size; at += piece.size()) {
+    piece.resize(std::min<std::uint64_t>(1 << 20, file.size - at));
+    if (!file.read(at, piece.data(), piece.size())) {
+      throw std::runtime_error("cannot read the served file");
+    }
+    digest.update(piece);
+  }
+  return digest.hex();
 }
 
 Reply jsonReply(int status, const nlohmann::json& doc) {
@@ -77,7 +93,7 @@ void serveFile(ServerState& state, Route route, const httplib::Request& req,
   const auto read = file->read;
   auto slice = [read](std::uint64_t offset, std::uint64_t length) {
     return Body{length, [read, offset](std::uint64_t at, char* out, std::size_t n) {
-                  read(offset + at, out, n);
+                  return read(offset + at, out, n);
                 }};
   };
   switch (answer.kind) {
@@ -179,25 +195,25 @@ std::optional<ServedFile> servedFile(const ServerState& state, std::string_view 
     const auto chapter = number(m[3].str());
     const Chapter* c = book && part && chapter ? book->chapter(*part, *chapter) : nullptr;
     if (!c) return std::nullopt;
-    auto bytes = versionBytes(c->bytes, version);
-    const std::string digest = version == 0 ? c->sha256 : sha256Hex(*bytes);
-    ServedFile file{
-        bytes->size(), "\"" + digest.substr(0, 32) + "\"", lastModifiedText(version), {}, bytes};
-    file.read = [bytes](std::uint64_t offset, char* out, std::size_t n) {
-      std::memcpy(out, bytes->data() + offset, n);
+    const auto source = c->bytes;
+    ServedFile file{source->size(), {}, lastModifiedText(version), {}};
+    file.read = [source, version](std::uint64_t offset, char* out, std::size_t n) {
+      if (!source->read(offset, out, n)) return false;
+      applyVersion(version, offset, out, n);
+      return true;
     };
+    file.etag = "\"" + (version == 0 ? c->sha256 : digestOf(file)).substr(0, 32) + "\"";
     return file;
   }
   if (std::regex_match(p, m, kBlobPath)) {
     const auto size = number(m[1].str());
     if (!size || *size > kMaxBlobBytes) return std::nullopt;
-    ServedFile file{*size,
-                    "\"blob-" + std::to_string(*size) + "-v" + std::to_string(version) + "\"",
-                    lastModifiedText(version),
-                    [version](std::uint64_t offset, char* out, std::size_t n) {
-                      fillBlob(version, offset, out, n);
-                    },
-                    nullptr};
+    ServedFile file{
+        *size, "\"blob-" + std::to_string(*size) + "-v" + std::to_string(version) + "\"",
+        lastModifiedText(version), [version](std::uint64_t offset, char* out, std::size_t n) {
+          fillBlob(version, offset, out, n);
+          return true;
+        }};
     return file;
   }
   return std::nullopt;

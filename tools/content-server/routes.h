@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -37,8 +36,8 @@ struct ServedFile {
   std::uint64_t size = 0;
   std::string etag;
   std::string lastModified;
-  std::function<void(std::uint64_t offset, char* out, std::size_t n)> read;
-  std::shared_ptr<const std::string> bytes;  // audio only; blobs are generated
+  // False when the bytes cannot be read (a chapter file gone bad): the answer is cut off.
+  std::function<bool(std::uint64_t offset, char* out, std::size_t n)> read;
 };
 
 // None when the path names no audio chapter or blob.

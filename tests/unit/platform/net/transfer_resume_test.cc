@@ -4,6 +4,8 @@
 // server or the server ignored the range.
 #include <gtest/gtest.h>
 
+#include <future>
+
 #include "child_process.h"
 #include "transfer_test_support.h"
 
@@ -110,7 +112,12 @@ TEST_F(TransferResumption, KilledMidTransferResumesFromItsBytesInTheNextProcess)
 
 TEST_F(TransferResumption, FinishedButUnhandledIsDeliveredOnceInTheNextProcess) {
   ASSERT_TRUE(startChild("QLSO_unhandled", true, "finished "));
+  // Delivery waits until the task has been listed: a delivered task leaves the list.
+  std::promise<void> listed;
+  std::shared_future<void> gate = listed.get_future().share();
+  delegate->onFinish = [gate](const std::filesystem::path&) { gate.wait(); };
   session = adopt("QLSO_unhandled", TransferTaskState::kCompleted);
+  listed.set_value();
   expectDelivered();
   ASSERT_TRUE(delegate->waitFor(Kind::kAllDelivered, 1, std::chrono::seconds(10)));
   EXPECT_EQ(server.requestCount(Route::kAudio), 1u) << "the finished file was fetched again";
