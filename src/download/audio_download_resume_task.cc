@@ -24,6 +24,16 @@ std::string describe(const std::vector<QSOChapterStatusPtr>& chapters) {
   return describe(descriptions);
 }
 
+// The session's tasks, waited for: answered on its control queue, never its delegate queue.
+std::vector<TransferTaskPtr> tasksOf(const TransferSessionPtr& session) {
+  if (!session) return {};
+  std::promise<std::vector<TransferTaskPtr>> answer;
+  auto listed = answer.get_future();
+  session->getTasks(
+      [&answer](std::vector<TransferTaskPtr> tasks) { answer.set_value(std::move(tasks)); });
+  return listed.get();
+}
+
 }  // namespace
 
 std::shared_ptr<QSOAudioDownloadResumeTask> QSOAudioDownloadResumeTask::create(
@@ -32,6 +42,12 @@ std::shared_ptr<QSOAudioDownloadResumeTask> QSOAudioDownloadResumeTask::create(
   std::shared_ptr<QSOAudioDownloadResumeTask> task(
       new QSOAudioDownloadResumeTask(request, std::move(completion), std::move(engine)));
   connect(task);
+  // What the earlier run left in the session belongs to this request, and is taken on before
+  // any of it is delivered: a request whose chapters are then all done has succeeded, it did
+  // not ask for nothing.
+  for (const auto& transfer : tasksOf(task->audioDownloadSession())) {
+    if (transfer->state() != TransferTaskState::kCancelling) task->adoptTransfer(transfer);
+  }
   return task;
 }
 
@@ -51,15 +67,7 @@ std::optional<std::vector<QSOChapterStatusPtr>> QSOAudioDownloadResumeTask::getC
     candidates.insert(candidates.end(), chapters->begin(), chapters->end());
   }
 
-  std::vector<TransferTaskPtr> transfers;
-  if (const auto& session = audioDownloadSession()) {
-    // Answered on the session's control queue, so waiting here never blocks its delegate.
-    std::promise<std::vector<TransferTaskPtr>> answer;
-    auto listed = answer.get_future();
-    session->getTasks(
-        [&answer](std::vector<TransferTaskPtr> tasks) { answer.set_value(std::move(tasks)); });
-    transfers = listed.get();
-  }
+  const std::vector<TransferTaskPtr> transfers = tasksOf(audioDownloadSession());
   std::string listing = "(";
   for (const auto& transfer : transfers) listing += "\n    " + transfer->taskDescription();
   LogEngineVerbose("[AudioDownloadResumeTask] Session reported tasks: %@", listing + "\n)");

@@ -20,7 +20,8 @@ class QSOAudioDownloadResumeTask : public QSOAudioDownloadTask {
   // Chapters 0, then 4, then 1, less those a transfer of the session still covers.
   std::optional<std::vector<QSOChapterStatusPtr>> getChaptersToDownload(
       std::unique_lock<QSOStateLock>& stateLock) override;
-  // A stored request with nothing left to fetch ends with 11003, which leaves it stored.
+  // A stored request with nothing left to fetch, whose session held no transfer of the earlier
+  // run either, ends with 11003, which leaves it stored.
   void requestIsNeedless() override;
 
  private:

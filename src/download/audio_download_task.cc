@@ -137,6 +137,7 @@ void QSOAudioDownloadTask::fetchAudio() {
   if (isCancelled()) return;
   {
     std::lock_guard lock(taskMutex_);
+    reachedAudioStep_ = true;
     const bool idle = downloadTasks_.empty();
     if (idle && checkForAudio()) {
       complete();
@@ -268,9 +269,10 @@ TransferTaskPtr QSOAudioDownloadTask::scheduleDownloadForChapter(
 }
 
 void QSOAudioDownloadTask::chapterFinished(ErrorPtr error, const QSOChapterDescription& chapter) {
+  bool scheduledHere;
   {
     std::lock_guard lock(taskMutex_);
-    downloadTasks_.erase(chapter.toString());
+    scheduledHere = downloadTasks_.erase(chapter.toString()) > 0;
   }
   if (error) {
     const auto* resolution =
@@ -303,9 +305,16 @@ void QSOAudioDownloadTask::chapterFinished(ErrorPtr error, const QSOChapterDescr
     failedWithError(std::move(error), chapter);
     return;
   }
-  // A transfer adopted from an earlier run may end before this task has started; its start
-  // runs the audio step anyway, with metadata and a playlist at hand.
-  if (!isExecuting()) return;
+  // A transfer adopted from an earlier run may end before this task has started, or while it
+  // still fetches its playlist; the task's own steps reach the audio step anyway, with a
+  // playlist at hand, and see this chapter's status then.
+  {
+    std::lock_guard lock(taskMutex_);
+    // A transfer of an earlier run that ended before this task adopted it counts as adopted:
+    // the request fetched something, so all chapters done is its success, not a needless one.
+    if (!scheduledHere) hasScheduledDownload_ = true;
+    if (!isExecuting() || !reachedAudioStep_) return;
+  }
   onStepQueue([](QSOAAudioTask& task) { task.fetchAudio(); });
 }
 

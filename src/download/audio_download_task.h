@@ -77,6 +77,8 @@ class QSOAudioDownloadTask : public QSOAAudioTask {
   std::map<std::string, TransferTaskPtr> downloadTasks_;           // guarded by taskMutex_
   std::vector<TransferTaskPtr> adopted_;                           // guarded by taskMutex_
   bool hasScheduledDownload_ = false;                              // guarded by taskMutex_
+  // The task's own steps have reached the audio step, a playlist at hand, at least once.
+  bool reachedAudioStep_ = false;  // guarded by taskMutex_
 };
 
 }  // namespace sonorell

@@ -12,6 +12,7 @@
 #include "persistence/audiobook_status.h"
 #include "persistence/chapter_status.h"
 #include "persistence/filesystem_helper.h"
+#include "sonorell/download_status.h"
 #include "sonorell/errors.h"
 #include "sonorell/notifications.h"
 
@@ -24,6 +25,12 @@ ErrorPtr downloadError(int64_t code, ErrorPtr underlying = nullptr, Dictionary e
                          std::string(downloadDescriptionForErrorCode(code)));
   if (underlying) extra.insert_or_assign(std::string(kUnderlyingErrorKey), std::move(underlying));
   return Error::make(std::string(QSOErrorDomain), code, std::move(extra));
+}
+
+bool isDownloaded(const QSOChapterDescription& chapter) {
+  auto record = QSOChapterStatus::fetchForChapterDescription(chapter);
+  return record && record->downloadStatus() == DownloadStatusDownloaded &&
+         FilesystemHelper::fileExists(chapter);
 }
 
 std::string listing(const std::filesystem::path& directory, FileSystem& files) {
@@ -236,8 +243,17 @@ void QSOAudioDownloadSessionDelegate::silentReset() {
 void QSOAudioDownloadSessionDelegate::didCompleteWithError(ErrorPtr error) {
   LogEngineError("URLSession Audio task (%@) complete with error: %@", chapter_, error);
   if (!error) return;
+  const uint64_t resolution = getFailureResolutionForError(error);
+  if (resolution == 1 && isDownloaded(chapter_)) {
+    // An earlier run moved the file into place and recorded it, then died before the transfer
+    // service forgot the transfer, which it now reports lost: nothing is missing, and resetting
+    // the chapter's size would make a downloaded chapter read as empty.
+    LogEngineInfo("Chapter %@ was downloaded before its transfer was lost", chapter_);
+    completion_(nullptr);
+    return;
+  }
   ErrorPtr result;
-  if (getFailureResolutionForError(error) == 1) {
+  if (resolution == 1) {
     silentReset();
     Dictionary extra;
     extra.emplace(std::string(QSODownloadFailureResolutionCodeKey), uint64_t{1});

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 
 #include "platform/dispatch/clock.h"
 #include "platform/net/curl_loop.h"
@@ -15,6 +16,18 @@
 
 namespace sonorell {
 namespace {
+
+// The total of an unsatisfied range answer ("bytes */1000"), or -1.
+int64_t unsatisfiedTotal(const HttpHeaders& headers) {
+  const auto value = headerValue(headers, "Content-Range").value_or("");
+  constexpr std::string_view kPrefix = "bytes */";
+  if (!std::string_view(value).starts_with(kPrefix)) return -1;
+  int64_t total = -1;
+  const char* begin = value.data() + kPrefix.size();
+  const char* end = value.data() + value.size();
+  auto [at, ec] = std::from_chars(begin, end, total);
+  return ec == std::errc() && at == end ? total : -1;
+}
 
 constexpr auto kProgressInterval = std::chrono::milliseconds(100);
 // The size curl's own tool reads with: few system calls, and a few jobs stay far under 30 MB.
@@ -177,7 +190,13 @@ class TransferJob final : public CurlJob {
     curl_off_t length = -1;
     curl_easy_getinfo(easy_, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
     bool restarted = false;
-    if (status == 206 && plan_.offset > 0) {
+    if (status == 416 && plan_.offset > 0 && unsatisfiedTotal(headers) == plan_.offset) {
+      // The process that wrote the last byte died before the transfer was recorded as finished:
+      // the file is whole already, and the server's "nothing after that" completes it.
+      expectedTotal_ = plan_.offset;
+      continued_ = true;
+      discardBody_ = true;
+    } else if (status == 206 && plan_.offset > 0) {
       auto range = parseContentRange(headerValue(headers, "Content-Range").value_or(""));
       if (!range || range->first != plan_.offset) {
         abortError_ = transferError(kURLErrorBadServerResponse,
@@ -219,6 +238,7 @@ class TransferJob final : public CurlJob {
     auto* job = static_cast<TransferJob*>(self);
     const size_t n = size * count;
     if (!job->responded_ && !job->beginBody()) return 0;
+    if (job->discardBody_) return n;  // the 416's own text, not the resource's bytes
     size_t written = 0;
     while (written < n) {
       ssize_t w = ::write(job->fd_, data + written, n - written);
@@ -252,8 +272,9 @@ class TransferJob final : public CurlJob {
   int fd_ = -1;
   ResponseHeaderCollector headers_;  // of the response being received
   bool responded_ = false;
-  bool continued_ = false;  // a 206 that carries on from the bytes kept
-  int64_t onDisk_ = 0;      // bytes in the file
+  bool continued_ = false;    // a 206 that carries on from the bytes kept
+  bool discardBody_ = false;  // a 416 for a file that is whole already
+  int64_t onDisk_ = 0;        // bytes in the file
   int64_t expectedTotal_ = -1;
   ErrorPtr abortError_;  // why a callback stopped the transfer
   std::optional<MonoTime> lastProgress_;
