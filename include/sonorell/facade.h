@@ -3,6 +3,7 @@
 // run-once steps are guarded by their own once-flags; the engine pointers never change.
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -29,6 +30,10 @@ class SONORELL_EXPORT QSOSonorell {
   static void setAnalyticsURL(const std::string& url);
   // A PEM bundle of certificate authorities trusted besides the system's (private deployments).
   static void setTrustedCertificates(const std::filesystem::path& pemFile);
+  // Waits (at most `limit`) until no work the engine must not be cut short in is under way
+  // (transfers being created, finished files being moved into place); for a host about to
+  // exit. False when the limit passed first.
+  static bool waitForOpenActivities(std::chrono::milliseconds limit);
 
   std::shared_ptr<QSODownloadEngine> downloadEngine() const { return downloadEngine_; }
   std::shared_ptr<QSOPlaybackEngine> playbackEngine() const { return playbackEngine_; }

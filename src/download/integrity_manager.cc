@@ -39,13 +39,15 @@ void QSOIntegrityManager::verifyDatabase(std::shared_ptr<DownloadEngineCore> eng
 
 void QSOIntegrityManager::verifyDatabaseNow(const std::shared_ptr<DownloadEngineCore>& engine) {
   const auto files = audioFilesOnDisk();
+  // Looked up once per chapter: a set, or verification grows with books times chapters.
+  const std::unordered_set<std::string> onDisk(files.begin(), files.end());
   const auto requests = QSODownloadRequestDatabaseHelper::fetchAllRequests();
   for (const auto& audiobook : QSOAudiobookStatus::fetchAllAudiobookStatuses()) {
     // The cached record, if any, so that callers holding it see the repair.
     auto record = QSOAudiobookStatus::fetchAudiobookStatusForAudiobookIdentifier(
         audiobook->audiobookIdentifier());
     if (!record) record = audiobook;
-    verifyAudiobookStatus(*record, audiobookInProgress(*record), files, requests);
+    verifyAudiobookStatus(*record, audiobookInProgress(*record), onDisk, requests);
   }
   removeOrphanedFiles(files);
   if (engine) engine->restartOldRequests();
@@ -86,7 +88,7 @@ void QSOIntegrityManager::removeOrphanedFiles(const std::vector<std::string>& fi
 }
 
 void QSOIntegrityManager::verifyAudiobookStatus(QSOAudiobookStatus& audiobook, bool inProgress,
-                                                const std::vector<std::string>& filesOnDisk,
+                                                const std::unordered_set<std::string>& filesOnDisk,
                                                 const std::vector<QSODownloadRequest>& requests) {
   LogEngineInfo("[DownloadEngine] Verifying %@", audiobook.audiobookIdentifier());
   (void)inProgress;  // the book's own flag; each chapter is checked against the requests
@@ -94,8 +96,7 @@ void QSOIntegrityManager::verifyAudiobookStatus(QSOAudiobookStatus& audiobook, b
        QSOChapterStatus::fetchAllForAudiobookIdentifier(audiobook.audiobookIdentifier())) {
     const auto& d = chapter->chapterDescription();
     const std::string relative = d.audiobookID() + "/" + FilesystemHelper::filename(d);
-    const bool exists =
-        std::find(filesOnDisk.begin(), filesOnDisk.end(), relative) != filesOnDisk.end();
+    const bool exists = filesOnDisk.count(relative) > 0;
     verifyChapterStatus(*chapter, exists, chapterInProgress(*chapter, requests));
   }
   getNewStatusForAudiobook(audiobook, true);

@@ -5,6 +5,8 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "persistence/audiobook_status.h"
@@ -27,7 +29,7 @@ class QSOIntegrityManager {
   static std::vector<std::string> audioFilesOnDisk();
   static void removeOrphanedFiles(const std::vector<std::string>& files);
   static void verifyAudiobookStatus(QSOAudiobookStatus& audiobook, bool inProgress,
-                                    const std::vector<std::string>& filesOnDisk,
+                                    const std::unordered_set<std::string>& filesOnDisk,
                                     const std::vector<QSODownloadRequest>& currentRequests);
   // One chapter against the disk and every stored request.
   static void verifyChapterStatus(QSOChapterStatus& chapter);

@@ -14,6 +14,7 @@
 #include "persistence/filesystem_helper.h"
 #include "persistence/legacy_migration.h"
 #include "platform/foundation/library_directory.h"
+#include "platform/foundation/process_activity.h"
 #include "platform/net/curl_loop.h"
 #include "sonorell/notifications.h"
 #include "sonorell/persistence_engine.h"
@@ -50,6 +51,10 @@ void QSOSonorell::setAnalyticsURL(const std::string& url) { ServiceURLs::setAnal
 
 void QSOSonorell::setTrustedCertificates(const std::filesystem::path& pemFile) {
   setDefaultCABundle(pemFile.string());
+}
+
+bool QSOSonorell::waitForOpenActivities(std::chrono::milliseconds limit) {
+  return ProcessActivity::waitUntilNoneOpen(limit);
 }
 
 QSOSonorell::QSOSonorell(ServicesPtr services)

@@ -12,6 +12,7 @@
 
 #include "core/service_urls.h"
 #include "persistence/filesystem_helper.h"
+#include "platform/foundation/process_activity.h"
 #include "platform/services.h"
 #include "sonorell/audio_session.h"
 #include "sonorell/facade.h"
@@ -137,6 +138,14 @@ TEST_F(FacadeTest, HostAudioEventsReachTheEnginesAudioSession) {
   EXPECT_EQ(events[1].interruptionType, QSOAudioInterruption::Began);
   EXPECT_EQ(events[2].kind, AudioSessionEvent::Kind::MediaServicesReset);
   EXPECT_EQ(session->currentRoute().outputs.at(0).portType, QSOAudioPortHeadphones);
+}
+
+TEST_F(FacadeTest, AHostCanWaitForWorkThatMustNotBeCutShort) {
+  const auto activity = ProcessActivity::begin("moving a chapter");
+  EXPECT_FALSE(QSOSonorell::waitForOpenActivities(std::chrono::milliseconds(0)));
+  std::thread ender([&] { ProcessActivity::end(activity); });
+  EXPECT_TRUE(QSOSonorell::waitForOpenActivities(std::chrono::seconds(10)));
+  ender.join();
 }
 
 TEST_F(FacadeTest, FlatChapterFilesOfEarlierVersionsMoveIntoTheirAudiobookDirectory) {
