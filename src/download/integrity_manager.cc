@@ -124,6 +124,17 @@ void QSOIntegrityManager::verifyChapterStatus(QSOChapterStatus& chapter, bool ex
       resetChapter(chapter);
       return;
     }
+    // A downloaded chapter's record knows its file's length: a shorter or longer file was cut
+    // or overwritten after the download and would play wrong.
+    if (size != 0 && chapter.totalSize() != 0 && size != chapter.totalSize()) {
+      LogEngineInfo(
+          "[DownloadEngine] Chapter (%d,%d) had a file on disk of %llu bytes instead of %llu. The "
+          "file has been deleted",
+          d.partNumber(), d.chapterNumber(), size, chapter.totalSize());
+      FilesystemHelper::deleteFile(d, false);
+      resetChapter(chapter);
+      return;
+    }
     if (size == 0) {
       LogEngineInfo(
           "[DownloadEngine] Chapter (%d,%d) had a zero length file on disk. The file has been "

@@ -16,6 +16,7 @@
 #include "platform/foundation/library_directory.h"
 #include "platform/foundation/process_activity.h"
 #include "platform/net/curl_loop.h"
+#include "playback/streaming_url_manager.h"
 #include "sonorell/notifications.h"
 #include "sonorell/persistence_engine.h"
 #include "sonorell/version.h"
@@ -31,6 +32,9 @@ std::shared_ptr<QSOSonorell> QSOSonorell::sharedEngine() {
     LegacyMigration::migrateFromCoreData();
     FilesystemMigration::migrate();
     engine = EngineComposition::create(Services::system());
+    // Streaming URLs come from the playlists this engine fetches and caches.
+    QSOStreamingURLManager::setSharedManager(
+        QSOStreamingURLManager::create(engine->downloadEngine()->core()));
   });
   return engine;
 }

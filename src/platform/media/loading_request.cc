@@ -1,5 +1,7 @@
 #include "platform/media/loading_request.h"
 
+#include <string>
+
 namespace sonorell {
 
 void ContentInformationRequest::setContentLength(int64_t length) {
@@ -20,6 +22,19 @@ void ContentInformationRequest::setByteRangeAccessSupported(bool supported) {
 ContentInformation ContentInformationRequest::information() const {
   std::lock_guard lock(owner_.mutex_);
   return info_;
+}
+
+std::string ContentInformationRequest::description() const {
+  ContentInformation info = information();
+  return "<ContentInformationRequest length=" + std::to_string(info.contentLength) +
+         " type=" + (info.contentType.empty() ? "(none)" : info.contentType) +
+         " byteRange=" + (info.byteRangeAccessSupported ? "YES" : "NO") + ">";
+}
+
+std::string DataRequest::description() const {
+  return "<DataRequest requestedOffset=" + std::to_string(offset_) +
+         " requestedLength=" + std::to_string(length_) + (toEnd_ ? " toEnd" : "") +
+         " currentOffset=" + std::to_string(currentOffset()) + ">";
 }
 
 int64_t DataRequest::currentOffset() const {
@@ -104,6 +119,19 @@ int LoadingRequest::responseStatusCode() const {
 std::optional<ContentInformation> LoadingRequest::contentInformation() const {
   if (!contentInfo_) return std::nullopt;
   return contentInfo_->information();
+}
+
+std::string LoadingRequest::description() const {
+  std::string text = "<LoadingRequest " + url_;
+  if (contentInfo_) text += " contentInformation";
+  if (data_) {
+    text += " data=" + std::to_string(data_->requestedOffset()) + "+" +
+            std::to_string(data_->requestedLength());
+  }
+  std::lock_guard lock(mutex_);
+  if (finished_) text += error_ ? " failed" : " finished";
+  if (cancelled_) text += " cancelled";
+  return text + ">";
 }
 
 void LoadingRequest::cancel() {

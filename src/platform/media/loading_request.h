@@ -48,6 +48,8 @@ class ContentInformationRequest {
   void setContentType(std::string type);
   void setByteRangeAccessSupported(bool supported);
   ContentInformation information() const;
+  // What was answered so far, for log lines.
+  std::string description() const;
 
  private:
   friend class LoadingRequest;
@@ -69,6 +71,8 @@ class DataRequest {
   void respondWithData(const std::vector<uint8_t>& data) {
     respondWithData(data.data(), data.size());
   }
+  // The range asked for and the current offset, for log lines.
+  std::string description() const;
 
  private:
   friend class LoadingRequest;
@@ -112,6 +116,9 @@ class LoadingRequest : public std::enable_shared_from_this<LoadingRequest> {
 
   // Backend side: the player no longer wants the answer. Later answers are ignored.
   void cancel();
+
+  // The URL, the parts asked for and the state, for log lines.
+  std::string description() const;
 
  private:
   friend class ContentInformationRequest;
