@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "download/progress_manager.h"
-#include "download_engine_support.h"
+#include "support/download_engine_support.h"
 #include "persistence/audiobook_status.h"
 #include "persistence/download_request_store.h"
 #include "sonorell/errors.h"

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "download/metadata_status_recorder.h"
-#include "download_engine_support.h"
+#include "support/download_engine_support.h"
 #include "model/task_synchronizer.h"
 #include "persistence/download_request_store.h"
 

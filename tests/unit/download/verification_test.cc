@@ -5,7 +5,7 @@
 #include <fstream>
 
 #include "download/integrity_manager.h"
-#include "download_engine_support.h"
+#include "support/download_engine_support.h"
 #include "persistence/audiobook_status.h"
 #include "persistence/database_manager.h"
 #include "persistence/download_request_store.h"

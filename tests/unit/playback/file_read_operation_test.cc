@@ -5,40 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <functional>
-#include <mutex>
 
 #include "sonorell/errors.h"
-#include "support/temp_library.h"
+#include "support/playback_support.h"
 
 namespace sonorell {
 namespace {
 
 constexpr uint64_t kChunk = QSOFileReadOperation::kDefaultChunkSize;
-
-// Keeps what a request receives: every piece, and how it ended.
-class RecordingClient : public LoadingRequestClient {
- public:
-  void loadingRequestDidReceiveData(LoadingRequest& request, const uint8_t* data,
-                                    size_t size) override {
-    std::lock_guard lock(mutex);
-    bytes.append(reinterpret_cast<const char*>(data), size);
-    pieces.push_back(size);
-    if (onData) onData(request);
-  }
-  void loadingRequestDidFinish(LoadingRequest& request) override {
-    std::lock_guard lock(mutex);
-    ++finishes;
-    error = request.error();
-  }
-
-  std::mutex mutex;
-  std::string bytes;
-  std::vector<size_t> pieces;
-  int finishes = 0;
-  ErrorPtr error;
-  std::function<void(LoadingRequest&)> onData;
-};
 
 class ChapterFileReading : public ::testing::Test {
  protected:
@@ -65,7 +39,7 @@ class ChapterFileReading : public ::testing::Test {
   }
 
   testing::TempLibrary library;
-  std::shared_ptr<RecordingClient> client = std::make_shared<RecordingClient>();
+  std::shared_ptr<testing::RecordingClient> client = std::make_shared<testing::RecordingClient>();
 };
 
 TEST_F(ChapterFileReading, ARangeIsServedInPiecesThatEndOnChunkBoundaries) {
@@ -75,10 +49,10 @@ TEST_F(ChapterFileReading, ARangeIsServedInPiecesThatEndOnChunkBoundaries) {
   auto single = request(std::make_pair(15000, 1000), true);
   auto op = operation(single, file.size());
   op->start();
-  EXPECT_EQ(client->bytes, file.substr(15000, 1000));
-  EXPECT_EQ(client->pieces, (std::vector<size_t>{1000}));
-  EXPECT_EQ(client->finishes, 1);
-  EXPECT_EQ(client->error, nullptr);
+  EXPECT_EQ(client->bytes(), file.substr(15000, 1000));
+  EXPECT_EQ(client->pieces(), (std::vector<size_t>{1000}));
+  EXPECT_EQ(client->finishes(), 1);
+  EXPECT_EQ(client->error(), nullptr);
   auto info = single->contentInformation();
   ASSERT_TRUE(info.has_value());
   EXPECT_EQ(info->contentLength, 40000);
@@ -87,13 +61,13 @@ TEST_F(ChapterFileReading, ARangeIsServedInPiecesThatEndOnChunkBoundaries) {
 
   // 5000-34999 spans four chunks: the first piece runs to the first boundary, the last stops
   // inside its chunk.
-  client = std::make_shared<RecordingClient>();
+  client = std::make_shared<testing::RecordingClient>();
   auto spanning = request(std::make_pair(5000, 30000));
   operation(spanning, file.size())->start();
-  EXPECT_EQ(client->bytes, file.substr(5000, 30000));
-  EXPECT_EQ(client->pieces,
+  EXPECT_EQ(client->bytes(), file.substr(5000, 30000));
+  EXPECT_EQ(client->pieces(),
             (std::vector<size_t>{kChunk - 5000, kChunk, kChunk, 35000 - 3 * kChunk}));
-  EXPECT_EQ(client->finishes, 1);
+  EXPECT_EQ(client->finishes(), 1);
 
   // Pieces asked for one at a time: a piece shorter than its chunk re-reads the chunk for the
   // next one, which continues exactly where the last ended.
@@ -112,15 +86,15 @@ TEST_F(ChapterFileReading, ContentInformationAloneNeedsNoDataAndTheLastChunkMayB
   const std::string file = writeFile(25000);
   auto onlyInfo = request(std::nullopt, true);
   operation(onlyInfo, file.size())->start();
-  EXPECT_TRUE(client->pieces.empty());
-  EXPECT_EQ(client->finishes, 1);
+  EXPECT_TRUE(client->pieces().empty());
+  EXPECT_EQ(client->finishes(), 1);
   EXPECT_EQ(onlyInfo->contentInformation()->contentLength, 25000);
 
-  client = std::make_shared<RecordingClient>();
+  client = std::make_shared<testing::RecordingClient>();
   operation(request(std::make_pair(21000, 4000)), file.size())->start();
-  EXPECT_EQ(client->bytes, file.substr(21000, 4000));
-  EXPECT_EQ(client->finishes, 1);
-  EXPECT_EQ(client->error, nullptr);
+  EXPECT_EQ(client->bytes(), file.substr(21000, 4000));
+  EXPECT_EQ(client->finishes(), 1);
+  EXPECT_EQ(client->error(), nullptr);
 }
 
 TEST_F(ChapterFileReading, EveryFailureFinishesTheRequestWithItsCode) {
@@ -129,28 +103,28 @@ TEST_F(ChapterFileReading, EveryFailureFinishesTheRequestWithItsCode) {
   // Past the end: what the file has is served, then the read that finds nothing aborts.
   auto pastEnd = request(std::make_pair(20000, 10000));
   operation(pastEnd, 30000)->start();
-  EXPECT_EQ(client->bytes, file.substr(20000));
-  ASSERT_NE(client->error, nullptr);
-  EXPECT_EQ(client->error->domain, QSOErrorDomain);
-  EXPECT_EQ(client->error->code, 25002);
-  EXPECT_EQ(client->finishes, 1);
+  EXPECT_EQ(client->bytes(), file.substr(20000));
+  ASSERT_NE(client->error(), nullptr);
+  EXPECT_EQ(client->error()->domain, QSOErrorDomain);
+  EXPECT_EQ(client->error()->code, 25002);
+  EXPECT_EQ(client->finishes(), 1);
 
   // No file at all.
   std::filesystem::remove(path());
-  client = std::make_shared<RecordingClient>();
+  client = std::make_shared<testing::RecordingClient>();
   operation(request(std::make_pair(0, 100)), 25000)->start();
-  ASSERT_NE(client->error, nullptr);
-  EXPECT_EQ(client->error->code, 25000);
-  EXPECT_EQ(client->finishes, 1);
+  ASSERT_NE(client->error(), nullptr);
+  EXPECT_EQ(client->error()->code, 25000);
+  EXPECT_EQ(client->finishes(), 1);
 
   // A path that opens but cannot be read (a directory).
   std::filesystem::create_directory(path());
-  client = std::make_shared<RecordingClient>();
+  client = std::make_shared<testing::RecordingClient>();
   auto unreadable = operation(request(std::make_pair(0, 100)), 25000);
   unreadable->start();
-  ASSERT_NE(client->error, nullptr);
-  EXPECT_EQ(client->error->code, 25001);
-  EXPECT_EQ(client->finishes, 1);
+  ASSERT_NE(client->error(), nullptr);
+  EXPECT_EQ(client->error()->code, 25001);
+  EXPECT_EQ(client->finishes(), 1);
   EXPECT_TRUE(unreadable->isCancelled());
   EXPECT_TRUE(unreadable->readDataOfLength(100).empty());  // nothing is opened after an abort
 }
@@ -161,16 +135,16 @@ TEST_F(ChapterFileReading, ACancelledOperationNeitherRespondsNorFinishes) {
   auto early = operation(request(std::make_pair(0, 40000)), file.size());
   early->cancel();
   early->start();
-  EXPECT_TRUE(client->pieces.empty());
-  EXPECT_EQ(client->finishes, 0);
+  EXPECT_TRUE(client->pieces().empty());
+  EXPECT_EQ(client->finishes(), 0);
 
   // Cancelled from the data callback after the first piece: the loop stops before the next.
-  client = std::make_shared<RecordingClient>();
+  client = std::make_shared<testing::RecordingClient>();
   auto midway = operation(request(std::make_pair(0, 40000)), file.size());
   client->onData = [&](LoadingRequest&) { midway->cancel(); };
   midway->start();
-  EXPECT_EQ(client->pieces, (std::vector<size_t>{kChunk}));
-  EXPECT_EQ(client->finishes, 0);
+  EXPECT_EQ(client->pieces(), (std::vector<size_t>{kChunk}));
+  EXPECT_EQ(client->finishes(), 0);
   EXPECT_TRUE(midway->isFinished());
 }
 
