@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/media/gst/gst_tls.h"
 #include "platform/media/media_errors.h"
 #include "platform/media/media_log.h"
 
@@ -376,14 +377,16 @@ void GstQueuePlayer::sourceSetup(void* element) {
   }
   GstItemSource::Probe probe = source->probe();
   if (!probe.redirect) return;
+  auto* http = static_cast<GstElement*>(element);
+  gst_tls::applyTrust(http);
   // The HTTP source makes its own Range requests as playback reads and seeks.
-  if (g_object_class_find_property(G_OBJECT_GET_CLASS(element), "extra-headers")) {
+  if (g_object_class_find_property(G_OBJECT_GET_CLASS(http), "extra-headers")) {
     GstStructure* headers = gst_structure_new_empty("extra-headers");
     for (const auto& [name, value] : probe.redirect->headers) {
       if (g_ascii_strcasecmp(name.c_str(), "Range") == 0) continue;
       gst_structure_set(headers, name.c_str(), G_TYPE_STRING, value.c_str(), nullptr);
     }
-    g_object_set(element, "extra-headers", headers, nullptr);
+    g_object_set(http, "extra-headers", headers, nullptr);
     gst_structure_free(headers);
   }
 }

@@ -1,10 +1,11 @@
 // The GStreamer backend: one playbin per player. Each item's bytes come through its resource
 // loader (appsrc, seekable) or, when the loader redirects, through an HTTP source
-// sending the redirect's headers; decodebin parses and decodes MP3, scaletempo keeps the pitch at
-// other rates, and the next queued item is handed to playbin before the current one drains, so
-// the advance is gapless. The sink comes from $SONORELL_AUDIO_SINK (default autoaudiosink).
-// State is guarded by mutex_; every pipeline call runs on queue_, never under mutex_, because
-// GStreamer calls back into the player from its streaming threads.
+// sending the redirect's headers and trusting the system's CAs plus the host's bundle; decodebin
+// parses and decodes MP3, scaletempo keeps the pitch at other rates, and the next queued item is
+// handed to playbin before the current one drains, so the advance is gapless. The sink comes from
+// $SONORELL_AUDIO_SINK (default autoaudiosink). State is guarded by mutex_; every pipeline call
+// runs on queue_, never under mutex_, because GStreamer calls back into the player from its
+// streaming threads.
 #pragma once
 
 #include <cstdint>

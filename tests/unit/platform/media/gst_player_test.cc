@@ -1,6 +1,7 @@
 // The GStreamer backend with real pipelines into fakesink (sync=true, so time runs): queues of
 // chapters, seeking, pitch at other rates, and loaders that stall, fail or end early. Waits are
-// on conditions with generous limits, never sleeps.
+// on conditions with generous limits, never sleeps. Also the trust its HTTP source gets: one
+// database of the system's CAs and the host's bundle, checked against real certificates.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -8,7 +9,9 @@
 
 #include "media_test_support.h"
 #include "platform/media/gst/gst_queue_player.h"
+#include "platform/media/gst/gst_tls.h"
 #include "platform/media/media_errors.h"
+#include "platform/net/curl_loop.h"
 
 namespace sonorell {
 namespace {
@@ -277,6 +280,174 @@ TEST_F(GstPlayerTest, DeclinedRequestFailsTheItem) {
   player_->insertItem(a, nullptr);
   ASSERT_TRUE(waitUntil([&] { return a->status() == PlayerItemStatus::Failed; }));
   EXPECT_EQ(a->error()->code, kMediaErrorResourceUnavailable);
+}
+
+// Two self-signed CAs that no system trusts, valid from 2000 to 2126.
+constexpr const char* kAnchorA = R"(-----BEGIN CERTIFICATE-----
+MIIBdDCCARugAwIBAgIBATAKBggqhkjOPQQDAjAhMR8wHQYDVQQDDBZTb25vcmVs
+bCBUZXN0IEFuY2hvciBBMCAXDTAwMDEwMTAwMDAwMFoYDzIxMjYwMTAxMDAwMDAw
+WjAhMR8wHQYDVQQDDBZTb25vcmVsbCBUZXN0IEFuY2hvciBBMFkwEwYHKoZIzj0C
+AQYIKoZIzj0DAQcDQgAEib9OSiJMz8vnxCSXxHMeRgQBYmRWtlNyWGVspP2nX8JM
+0H09qIffhYdy3F/7twk5t56tlbaG5FDz9U4tRAIvWKNCMEAwDwYDVR0TAQH/BAUw
+AwEB/zAOBgNVHQ8BAf8EBAMCAgQwHQYDVR0OBBYEFN7oShQumUeX3H3weNb6ctGR
+CQOPMAoGCCqGSM49BAMCA0cAMEQCIFgyJHQQSRuGmQoo34KqlQRfU/So5Oim+QFp
+aygV/m2lAiB05I1vsBTKx77ErN2SULKkv5RSTME6VWQg8BI8PU/2aQ==
+-----END CERTIFICATE-----
+)";
+constexpr const char* kAnchorB = R"(-----BEGIN CERTIFICATE-----
+MIIBdTCCARugAwIBAgIBAjAKBggqhkjOPQQDAjAhMR8wHQYDVQQDDBZTb25vcmVs
+bCBUZXN0IEFuY2hvciBCMCAXDTAwMDEwMTAwMDAwMFoYDzIxMjYwMTAxMDAwMDAw
+WjAhMR8wHQYDVQQDDBZTb25vcmVsbCBUZXN0IEFuY2hvciBCMFkwEwYHKoZIzj0C
+AQYIKoZIzj0DAQcDQgAEKL9HbUpvdjUVdHbSL6Jf2achTZS85IAQKRuzTRJNV4z8
+fgXnbT3MDwJpm0JjUWNRY0PW0hDHgzGn7LGYaT3/Q6NCMEAwDwYDVR0TAQH/BAUw
+AwEB/zAOBgNVHQ8BAf8EBAMCAgQwHQYDVR0OBBYEFGwInOBuV4r7NTugAu71Ct34
+Rm3xMAoGCCqGSM49BAMCA0gAMEUCIHb/o3nKYa4jBEgVEY91MG6Vk1Jv+b+PFTic
+h1auPjqXAiEAy2J677OAnCtRHAhLaywhm73b9lxEM6bnJC+40HWtT/A=
+-----END CERTIFICATE-----
+)";
+
+class GstTrust : public ::testing::Test {
+ protected:
+  void TearDown() override { setDefaultCABundle(""); }
+
+  std::string writeFile(const std::string& name, const std::string& text) {
+    auto path = dir_.path() / name;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+    return path.string();
+  }
+  static GTlsCertificate* certificate(const char* pem) {
+    GError* error = nullptr;
+    GTlsCertificate* made = g_tls_certificate_new_from_pem(pem, -1, &error);
+    EXPECT_NE(made, nullptr) << (error ? error->message : "");
+    g_clear_error(&error);
+    return made;
+  }
+  // What the database finds wrong with a server presenting `chain`; 0 when it trusts it.
+  static GTlsCertificateFlags verify(GTlsDatabase* database, GTlsCertificate* chain) {
+    GError* error = nullptr;
+    GTlsCertificateFlags flags =
+        g_tls_database_verify_chain(database, chain, G_TLS_DATABASE_PURPOSE_AUTHENTICATE_SERVER,
+                                    nullptr, nullptr, G_TLS_DATABASE_VERIFY_NONE, nullptr, &error);
+    EXPECT_EQ(error, nullptr) << error->message;
+    g_clear_error(&error);
+    return flags;
+  }
+  // A root of the system's own store that the system's default database trusts as it stands.
+  static GTlsCertificate* systemRoot() {
+    GTlsDatabase* system = g_tls_backend_get_default_database(g_tls_backend_get_default());
+    GList* roots =
+        g_tls_certificate_list_new_from_file("/etc/ssl/certs/ca-certificates.crt", nullptr);
+    GTlsCertificate* found = nullptr;
+    for (GList* l = roots; l && !found; l = l->next) {
+      auto* root = G_TLS_CERTIFICATE(l->data);
+      if (verify(system, root) == 0) found = G_TLS_CERTIFICATE(g_object_ref(root));
+    }
+    g_list_free_full(roots, g_object_unref);
+    g_object_unref(system);
+    return found;
+  }
+
+  testing::TempDir dir_;
+};
+
+TEST_F(GstTrust, MergedDatabaseTrustsTheSystemsCAsAndTheBundlesButNoOthers) {
+  GTlsCertificate* root = systemRoot();
+  ASSERT_NE(root, nullptr) << "no usable root in the system's store";
+  GTlsCertificate* a = certificate(kAnchorA);
+  GTlsCertificate* b = certificate(kAnchorB);
+  ASSERT_TRUE(a && b);
+  GTlsDatabase* system = g_tls_backend_get_default_database(g_tls_backend_get_default());
+  EXPECT_NE(verify(system, a) & G_TLS_CERTIFICATE_UNKNOWN_CA, 0);  // not trusted by default
+
+  GTlsDatabase* merged = gst_tls::databaseForBundle(writeFile("a.pem", kAnchorA));
+  ASSERT_NE(merged, nullptr);
+  EXPECT_EQ(verify(merged, a), 0);
+  EXPECT_EQ(verify(merged, root), 0);
+  EXPECT_NE(verify(merged, b) & G_TLS_CERTIFICATE_UNKNOWN_CA, 0);
+
+  g_object_unref(merged);
+  g_object_unref(system);
+  g_object_unref(a);
+  g_object_unref(b);
+  g_object_unref(root);
+}
+
+TEST_F(GstTrust, DatabaseIsKeptForOneBundleAndRemadeWhenItChanges) {
+  GTlsCertificate* a = certificate(kAnchorA);
+  GTlsCertificate* b = certificate(kAnchorB);
+  ASSERT_TRUE(a && b);
+  std::string first = writeFile("first.pem", kAnchorA);
+  GTlsDatabase* one = gst_tls::databaseForBundle(first);
+  GTlsDatabase* again = gst_tls::databaseForBundle(first);
+  ASSERT_NE(one, nullptr);
+  EXPECT_EQ(one, again);
+
+  // Another path: a database of its own, trusting that bundle's CA instead.
+  GTlsDatabase* other = gst_tls::databaseForBundle(writeFile("second.pem", kAnchorB));
+  ASSERT_NE(other, nullptr);
+  EXPECT_NE(other, one);
+  EXPECT_EQ(verify(other, b), 0);
+  EXPECT_NE(verify(other, a), 0);
+
+  // The same path rewritten with other certificates.
+  writeFile("first.pem", std::string(kAnchorB) + "\n" + kAnchorB);
+  GTlsDatabase* rewritten = gst_tls::databaseForBundle(first);
+  ASSERT_NE(rewritten, nullptr);
+  EXPECT_NE(rewritten, one);
+  EXPECT_EQ(verify(rewritten, b), 0);
+  EXPECT_NE(verify(rewritten, a), 0);
+  // The one handed out earlier still holds what it trusted.
+  EXPECT_EQ(verify(one, a), 0);
+
+  for (GTlsDatabase* d : {one, again, other, rewritten}) g_object_unref(d);
+  g_object_unref(a);
+  g_object_unref(b);
+}
+
+TEST_F(GstTrust, NoBundleOrAnUnusableOneGivesNoDatabase) {
+  testing::LogCapture log;
+  EXPECT_EQ(gst_tls::databaseForBundle(""), nullptr);
+  std::string junk = writeFile("junk.pem", "not a certificate\n");
+  EXPECT_EQ(gst_tls::databaseForBundle(junk), nullptr);
+  EXPECT_EQ(gst_tls::databaseForBundle(junk), nullptr);
+  EXPECT_EQ(gst_tls::databaseForBundle((dir_.path() / "missing.pem").string()), nullptr);
+  EXPECT_EQ(log.errorsMentioning("junk.pem"), 1u);  // reported once, not at every source
+  EXPECT_EQ(log.errorsMentioning("missing.pem"), 1u);
+}
+
+TEST_F(GstTrust, HttpSourceGetsTheDatabaseAndStaysStrict) {
+  gst_init(nullptr, nullptr);
+  GstElement* source = gst_element_factory_make("souphttpsrc", nullptr);
+  ASSERT_NE(source, nullptr);
+  gst_object_ref_sink(source);
+  GTlsCertificate* a = certificate(kAnchorA);
+  ASSERT_NE(a, nullptr);
+
+  // No bundle: the source keeps its default, the system's CAs.
+  gst_tls::applyTrust(source);
+  GTlsDatabase* database = nullptr;
+  gboolean strict = FALSE;
+  g_object_get(source, "tls-database", &database, "ssl-strict", &strict, nullptr);
+  EXPECT_EQ(database, nullptr);
+  EXPECT_TRUE(strict);
+
+  setDefaultCABundle(writeFile("host.pem", kAnchorA));
+  g_object_set(source, "ssl-strict", FALSE, nullptr);
+  gst_tls::applyTrust(source);
+  g_object_get(source, "tls-database", &database, "ssl-strict", &strict, nullptr);
+  ASSERT_NE(database, nullptr);
+  EXPECT_TRUE(strict);
+  EXPECT_EQ(verify(database, a), 0);
+  g_object_unref(database);
+
+  // An element with no TLS settings is left as it is.
+  GstElement* other = gst_element_factory_make("fakesrc", nullptr);
+  ASSERT_NE(other, nullptr);
+  gst_object_ref_sink(other);
+  gst_tls::applyTrust(other);
+  gst_object_unref(other);
+  gst_object_unref(source);
+  g_object_unref(a);
 }
 
 }  // namespace
