@@ -95,6 +95,23 @@ TEST_F(ResourceLoading, WifiOnlyIsRefusedOnCellularStreamedOnWifiAndTriedWhenThe
   EXPECT_FALSE(delegate->isStreaming());
   EXPECT_EQ(server.requestCount(Route::kPlaylist), 0u);
 
+  // What the engine will post for this failure: the chapter, and the error of its code with the
+  // loader's error underneath.
+  Dictionary info = QSOResourceLoaderDelegate::prepareDictionaryWithAudiobookID(
+      "1001", 0, 2, "Refused", 21001, delegate->loaderError());
+  EXPECT_EQ(info.at(std::string(QSOChapterDescriptionUserInfoKey))
+                .getIf<QSOChapterDescription>()
+                ->toString(),
+            QSOChapterDescription("1001", 0, 2).toString());
+  ErrorPtr posted = info.at(std::string(QSOSonorellErrorUserInfoKey)).asError();
+  ASSERT_NE(posted, nullptr);
+  EXPECT_EQ(posted->code, 21001);
+  EXPECT_EQ(posted->localizedDescription(), "Refused");
+  EXPECT_EQ(posted->underlyingError(), delegate->loaderError());
+  EXPECT_FALSE(QSOResourceLoaderDelegate::prepareDictionaryWithAudiobookID("1001", 0, 2,
+                                                                           std::nullopt, 0, nullptr)
+                   .contains(std::string(QSOSonorellErrorUserInfoKey)));
+
   // The same book without the Wi-Fi rule streams on the same cellular link.
   auto anyLink = load(*makeDelegate(false), url, std::make_pair(0, 2));
   ASSERT_TRUE(anyLink.client->waitForFinish());
