@@ -11,6 +11,7 @@
 
 #include "platform/dispatch/dispatch_group.h"
 #include "platform/dispatch/observation.h"
+#include "platform/net/netlink_route_monitor.h"
 
 namespace sonorell {
 
@@ -31,19 +32,40 @@ class ReachabilitySource {
   std::function<void()> handler_;
 };
 
-// The default route's interface from /proc/net/route: a wireless interface (a "wireless" or
-// "phy80211" entry in sysfs) is Wi-Fi, a WWAN one (DEVTYPE=wwan or a wwan* name) is cellular, any
-// other (wired) counts as Wi-Fi since it is not metered; no default route is none; an unreadable
-// route table is unknown. The roots are parameters so that tests can build their own.
+// The connection type of the default routes in <procNet>/route and <procNet>/ipv6_route (the
+// latter may be missing: a kernel without IPv6). Of each family the default route with the
+// lowest metric counts (reject and unreachable routes do not); its interface is cellular when
+// WWAN (DEVTYPE=wwan in its sysfs uevent, or a wwan* name), otherwise Wi-Fi: a wireless
+// interface ("wireless" or "phy80211" in sysfs, or DEVTYPE=wlan) and a wired one alike, since
+// neither is metered. If either family's route is cellular the link is cellular (that
+// family's traffic is metered); without a default route it is none; an unreadable IPv4 table
+// is unknown. The roots are parameters so that tests can build their own trees.
+//
+// Made for the real roots, the source watches the kernel's routing notifications (netlink,
+// see netlink_route_monitor.h) and tells its change handler within milliseconds of a change;
+// when netlink cannot be opened that is logged once and the source is read only when asked.
 class LinuxRouteReachabilitySource : public ReachabilitySource {
  public:
-  explicit LinuxRouteReachabilitySource(std::filesystem::path routeTable = "/proc/net/route",
-                                        std::filesystem::path sysClassNet = "/sys/class/net");
+  static constexpr const char* kProcNet = "/proc/net";
+  static constexpr const char* kSysClassNet = "/sys/class/net";
+  // kIfRealRoots watches only when both roots are the real ones: a fake tree does not follow
+  // the kernel. kAlways also watches for other roots (a test's view of another namespace).
+  enum class Watch { kIfRealRoots, kAlways, kNever };
+
+  explicit LinuxRouteReachabilitySource(std::filesystem::path procNet = kProcNet,
+                                        std::filesystem::path sysClassNet = kSysClassNet,
+                                        Watch watch = Watch::kIfRealRoots);
+  // Stops watching first: no change is told once it runs.
+  ~LinuxRouteReachabilitySource() override;
   ConnectionType read() override;
+  // Whether the kernel's notifications are heard (watching was asked for and netlink opened).
+  bool watchesKernel() const { return monitor_ != nullptr; }
 
  private:
-  const std::filesystem::path routeTable_;
+  const std::filesystem::path procNet_;
   const std::filesystem::path sysClassNet_;
+  // Last, so that it is stopped before anything it reads goes.
+  std::unique_ptr<NetlinkRouteMonitor> monitor_;
 };
 
 // A type set by hand, for tests and hosts that know better.
@@ -62,7 +84,8 @@ class Reachability : public std::enable_shared_from_this<Reachability> {
  public:
   using Callback = std::function<void(ConnectionType type)>;
 
-  // The process-wide instance, reading the Linux route table until setSource().
+  // The process-wide instance: the Linux route tables, watched by netlink so that observers hear
+  // of changes by themselves (see LinuxRouteReachabilitySource), until setSource().
   static std::shared_ptr<Reachability> shared();
   static std::shared_ptr<Reachability> create(std::shared_ptr<ReachabilitySource> source);
 
@@ -72,9 +95,6 @@ class Reachability : public std::enable_shared_from_this<Reachability> {
   void setSource(std::shared_ptr<ReachabilitySource> source);
   // Re-reads the source; observers hear of a change.
   ConnectionType refresh();
-  // Re-reads every `interval` of Clock::current() time, for sources without change handlers.
-  void startMonitoring(Duration interval);
-  void stopMonitoring();
 
   // Every change of type, on `queue`. A null queue is refused (see observation.h).
   ObservationToken observe(DispatchQueuePtr queue, Callback callback);
@@ -83,10 +103,10 @@ class Reachability : public std::enable_shared_from_this<Reachability> {
   explicit Reachability(std::shared_ptr<ReachabilitySource> source);
   void installHandler();
 
+  std::mutex refreshMutex_;  // held across one refresh's read and store; taken before mutex_
   std::mutex mutex_;
   std::shared_ptr<ReachabilitySource> source_;
   std::optional<ConnectionType> last_;
-  std::shared_ptr<DispatchTimer> timer_;
   ObserverList<ConnectionType> observers_;
 };
 

@@ -88,7 +88,11 @@ TEST_F(ParallelTransfers, GetTasksListsStatesAndDescriptions) {
   EXPECT_LT(tasks[0]->taskIdentifier(), tasks[1]->taskIdentifier());
 
   running->cancel();
-  EXPECT_EQ(running->state(), TransferTaskState::kCancelling);
+  // The loop may have finished the cancel already; it is never running again.
+  const TransferTaskState afterCancel = running->state();
+  EXPECT_TRUE(afterCancel == TransferTaskState::kCancelling ||
+              afterCancel == TransferTaskState::kCompleted)
+      << static_cast<int>(afterCancel);
   ASSERT_TRUE(delegate->waitForCompletions(1));
   EXPECT_EQ(running->state(), TransferTaskState::kCompleted);
   tasks = tasksOf(session);
