@@ -5,12 +5,7 @@
 // In the end the book is complete and byte-identical, the stores agree, nothing is left behind,
 // and resumed chapters asked only for their missing bytes. Two narrower tests stop a process at
 // a chosen point of a finished file's hand-over and kill it there.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,6 +27,7 @@
 #include "content_server.h"
 #include "persistence/filesystem_helper.h"
 #include "sha256.h"
+#include "support/child_process.h"
 #include "support/raw_sqlite.h"
 #include "support/temp_library.h"
 
@@ -46,90 +42,6 @@ std::string readAll(const fs::path& file) {
   std::ifstream in(file, std::ios::binary);
   return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
-
-// One engine_child process. Its report lines arrive on a pipe (descriptor 3 in the child); its
-// standard error is appended to a log file that a failing test prints. Used from the test's
-// thread only.
-class EngineProcess {
- public:
-  static std::unique_ptr<EngineProcess> start(const std::vector<std::string>& arguments,
-                                              const fs::path& log) {
-    const char* program = SONORELL_ENGINE_CHILD;  // named by the build (tests/CMakeLists.txt)
-    std::vector<char*> argv{const_cast<char*>(program)};
-    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) return nullptr;
-    posix_spawn_file_actions_t actions;
-    ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_adddup2(&actions, fds[1], 3);  // the copy is not close-on-exec
-    ::posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    ::posix_spawn_file_actions_addopen(&actions, 2, log.c_str(), O_WRONLY | O_CREAT | O_APPEND,
-                                       0600);
-    pid_t pid = -1;
-    const int failed = ::posix_spawn(&pid, program, &actions, nullptr, argv.data(), environ);
-    ::posix_spawn_file_actions_destroy(&actions);
-    ::close(fds[1]);
-    if (failed != 0) {
-      ::close(fds[0]);
-      return nullptr;
-    }
-    return std::unique_ptr<EngineProcess>(new EngineProcess(pid, fds[0]));
-  }
-
-  ~EngineProcess() {
-    if (pid_ > 0) kill();
-    ::close(fd_);
-  }
-
-  // The next line, or none at end of stream or once `deadline` passed.
-  std::optional<std::string> readLine(Clock::time_point deadline) {
-    for (;;) {
-      if (auto end = buffer_.find('\n'); end != std::string::npos) {
-        std::string line = buffer_.substr(0, end);
-        buffer_.erase(0, end + 1);
-        return line;
-      }
-      if (eof_) return std::nullopt;
-      const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now()).count();
-      if (left <= 0) return std::nullopt;
-      pollfd p{fd_, POLLIN, 0};
-      if (::poll(&p, 1, static_cast<int>(left)) <= 0) continue;
-      char chunk[4096];
-      const ssize_t got = ::read(fd_, chunk, sizeof chunk);
-      if (got <= 0) {
-        eof_ = true;
-        continue;
-      }
-      buffer_.append(chunk, static_cast<size_t>(got));
-    }
-  }
-  bool atEnd() const { return eof_ && buffer_.find('\n') == std::string::npos; }
-
-  // SIGKILL, then waits; true when the process died of that signal.
-  bool kill() {
-    if (pid_ <= 0) return false;
-    ::kill(pid_, SIGKILL);
-    return reap() == "killed";
-  }
-  // Waits for the process to end and says how: "exit <code>", "killed" or "signal <n>".
-  std::string reap() {
-    if (pid_ <= 0) return "reaped";
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-    pid_ = -1;
-    if (WIFEXITED(status)) return "exit " + std::to_string(WEXITSTATUS(status));
-    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) return "killed";
-    return "signal " + std::to_string(WTERMSIG(status));
-  }
-
- private:
-  EngineProcess(int pid, int fd) : pid_(pid), fd_(fd) {}
-  int pid_;
-  int fd_;
-  bool eof_ = false;
-  std::string buffer_;
-};
 
 // When one process is killed, counted from the moment it is armed: its launch, or for the
 // process that starts the request, the first chapter staged (the request is stored by then).
@@ -187,17 +99,18 @@ class CrashStorm : public ::testing::Test {
     }
   }
 
-  std::unique_ptr<EngineProcess> launch(const std::string& mode) {
-    auto process = EngineProcess::start({library.path().string(), server.baseURL(),
-                                         server.caCertificatePath().string(), book->id, mode},
-                                        log);
+  std::unique_ptr<ChildProcess> launch(const std::string& mode) {
+    auto process = ChildProcess::start(SONORELL_ENGINE_CHILD,
+                                       {library.path().string(), server.baseURL(),
+                                        server.caCertificatePath().string(), book->id, mode},
+                                       log.string());
     EXPECT_NE(process, nullptr) << "could not start " << SONORELL_ENGINE_CHILD;
     return process;
   }
 
   // Reads the process's reports until `kill` is reached (then kills it) or it reports done.
   // Returns "killed", "done", or what went wrong.
-  std::string runUntil(EngineProcess& process, const std::optional<KillPoint>& kill,
+  std::string runUntil(ChildProcess& process, const std::optional<KillPoint>& kill,
                        bool armedAtLaunch) {
     std::optional<Clock::time_point> armed;
     if (armedAtLaunch) armed = Clock::now();
@@ -507,7 +420,7 @@ TEST_F(CrashStorm, AWholeBookSurvivesRepeatedKillsAndResumesOnlyWhatIsMissing) {
 
 // Reads a process started in a holding mode until it holds, then kills it. Returns the report
 // lines it wrote before.
-std::vector<std::string> runUntilHeld(EngineProcess& process) {
+std::vector<std::string> runUntilHeld(ChildProcess& process) {
   std::vector<std::string> lines;
   while (auto line = process.readLine(Clock::now() + std::chrono::seconds(30))) {
     if (*line == "held") {

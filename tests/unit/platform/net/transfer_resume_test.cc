@@ -6,7 +6,7 @@
 
 #include <future>
 
-#include "child_process.h"
+#include "support/child_process.h"
 #include "transfer_test_support.h"
 
 namespace sonorell::testing {
@@ -27,7 +27,10 @@ class TransferResumption : public TransferTest {
   // line starting with `until` once it has reported at least `bytes`.
   std::unique_ptr<ChildProcess> startChild(const std::string& identifier, bool blockInFinish,
                                            const std::string& until, int64_t bytes = 0) {
+    // transfer_child's arguments: Library directory, URL, CA bundle, session identifier, task
+    // description, and "1" to block inside didFinishDownloadingToURL instead of handling the file.
     auto child = ChildProcess::start(
+        SONORELL_TRANSFER_CHILD,
         {library.path().string(), server.baseURL() + longChapter().audioPath,
          server.caCertificatePath().string(), identifier, "2001_1_8", blockInFinish ? "1" : "0"});
     if (!child) return nullptr;

@@ -1,4 +1,4 @@
-// The child process of the process-death tests (see child_process.h for its arguments): starts
+// The child process of the process-death tests (see transfer_resume_test.cc for its arguments): starts
 // one transfer in the session the parent names, reports its events on descriptor 3 and never
 // returns on its own: the parent kills it.
 #include <unistd.h>
