@@ -15,6 +15,7 @@ std::shared_ptr<const Services> Services::system() {
     made->reachability = Reachability::shared();
     made->files = FileSystem::shared();
     made->audioSession = AudioSession::sharedInstance();
+    made->players = [] { return QueuePlayer::create(); };
     services = new std::shared_ptr<const Services>(std::move(made));
   });
   return *services;

@@ -1,7 +1,7 @@
 // The platform services the engines run on, in one object: the clock, the HTTP client, the
-// transfer service, reachability, the file system and the audio session. The facade fills it
-// with the real ones; a test builds its own, replacing one service or wrapping one to fail a
-// single call. Immutable once built: share it freely between threads.
+// transfer service, reachability, the file system, the audio session and the media player. The
+// facade fills it with the real ones; a test builds its own, replacing one service or wrapping one
+// to fail a single call. Immutable once built: share it freely between threads.
 #pragma once
 
 #include <memory>
@@ -9,8 +9,9 @@
 #include "platform/dispatch/clock.h"
 #include "platform/foundation/file_system.h"
 #include "platform/media/audio_session.h"
-#include "platform/net/reachability.h"
+#include "platform/media/queue_player.h"
 #include "platform/net/http_client.h"
+#include "platform/net/reachability.h"
 #include "platform/net/transfer_service.h"
 
 namespace sonorell {
@@ -24,6 +25,8 @@ struct Services {
   std::shared_ptr<Reachability> reachability;
   std::shared_ptr<FileSystem> files;
   std::shared_ptr<AudioSession> audioSession;
+  // Makes the playback engine's player: GStreamer for the process, the virtual one in tests.
+  QueuePlayer::Factory players;
 
   // The real services of this process, made on first use (the transfer service then opens its
   // journal under the Library directory) and never destroyed.

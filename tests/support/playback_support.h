@@ -1,19 +1,28 @@
 // Pieces the playback tests share: a download engine against the reference server with a
 // streaming URL manager on its core and a reachability the test sets, a loading-request client
-// that records what it receives, and a wait for what a loading request or the server does.
+// that records what it receives, a wait for what a loading request or the server does, and a
+// playback engine on the virtual player and test clock (or on GStreamer) whose streamed chapters
+// come from a delegate that can hold its bytes back.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <iostream>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <optional>
+
+#include "platform/dispatch/clock.h"
 #include "platform/media/loading_request.h"
+#include "platform/media/virtual/virtual_queue_player.h"
+#include "playback/playback_engine_core.h"
 #include "playback/resource_loader_delegate.h"
 #include "playback/streaming_url_manager.h"
+#include "sonorell/playback_engine.h"
 #include "support/download_engine_support.h"
 
 namespace sonorell::testing {
@@ -114,6 +123,215 @@ class PlaybackTest : public DownloadEngineTest {
 
   std::shared_ptr<ManualReachabilitySource> link;
   std::shared_ptr<QSOStreamingURLManager> urls;
+};
+
+// Serves a streamed chapter's bytes to the virtual player (which has no network) and can hold
+// back everything from one offset on, which stalls the player there, until released. Runs on
+// the loader's queue; the held requests and the limit are guarded by mutex_.
+class StreamDelegate : public ResourceLoaderDelegate {
+ public:
+  explicit StreamDelegate(std::string bytes) : bytes_(std::move(bytes)) {}
+
+  void holdFrom(int64_t offset) {
+    std::lock_guard lock(mutex_);
+    holdAt_ = offset;
+  }
+  // Answers the held requests (on `queue`, the loader's) up to `holdNextAt`, or to the end.
+  void release(const DispatchQueuePtr& queue, std::optional<int64_t> holdNextAt = std::nullopt) {
+    queue->async([this, holdNextAt] {
+      std::vector<std::shared_ptr<LoadingRequest>> held;
+      {
+        std::lock_guard lock(mutex_);
+        holdAt_ = holdNextAt;
+        held.swap(held_);
+      }
+      for (auto& request : held) serve(request);
+    });
+  }
+
+  bool shouldWaitForLoadingOfRequestedResource(
+      ResourceLoader&, const std::shared_ptr<LoadingRequest>& request) override {
+    if (auto* info = request->contentInformationRequest()) {
+      info->setContentLength(static_cast<int64_t>(bytes_.size()));
+      info->setContentType("public.mp3");
+      info->setByteRangeAccessSupported(true);
+    }
+    serve(request);
+    return true;
+  }
+
+ private:
+  void serve(const std::shared_ptr<LoadingRequest>& request) {
+    DataRequest* data = request->dataRequest();
+    if (!data) {
+      request->finishLoading();
+      return;
+    }
+    const int64_t size = static_cast<int64_t>(bytes_.size());
+    const int64_t end = std::min(data->requestedOffset() + data->requestedLength(), size);
+    std::optional<int64_t> holdAt;
+    {
+      std::lock_guard lock(mutex_);
+      holdAt = holdAt_;
+    }
+    int64_t at = std::max(data->currentOffset(), data->requestedOffset());
+    const int64_t until = holdAt ? std::min(end, *holdAt) : end;
+    if (until > at) {
+      data->respondWithData(reinterpret_cast<const uint8_t*>(bytes_.data()) + at,
+                            static_cast<size_t>(until - at));
+      at = until;
+    }
+    if (at >= end) {
+      request->finishLoading();
+      return;
+    }
+    std::lock_guard lock(mutex_);
+    held_.push_back(request);
+  }
+
+  const std::string bytes_;
+  std::mutex mutex_;
+  std::optional<int64_t> holdAt_;
+  std::vector<std::shared_ptr<LoadingRequest>> held_;
+};
+
+// A playback engine on this fixture's services, with its own audio session. The virtual flavour
+// installs the test clock when it is made, so that downloads made before ran in real time.
+class PlaybackEngineTest : public PlaybackTest {
+ protected:
+  void SetUp() override {
+    PlaybackTest::SetUp();
+    QSOStreamingURLManager::setSharedManager(urls);
+    services->audioSession = session;
+  }
+  void TearDown() override {
+    // A failed test shows what the engine did.
+    if (HasFailure()) {
+      for (const auto& [level, line] : listener->lines()) {
+        if (line.find("[PlaybackEngine]") != line.npos || line.find("Posted") != line.npos) {
+          std::cerr << line << "\n";
+        }
+      }
+    }
+    playback.reset();
+    DispatchQueue::waitUntilAllIdle(std::chrono::seconds(20));
+    QSOStreamingURLManager::setSharedManager(nullptr);
+    PlaybackTest::TearDown();
+  }
+
+  QSOPlaybackEngine& virtualEngine() {
+    clock.emplace();
+    services->clock = clock->get();
+    services->players = [this] {
+      auto player = VirtualQueuePlayer::create();
+      player->setRedirectResolver([this](const HttpRedirect& redirect) {
+        return std::shared_ptr<ResourceLoaderDelegate>(streamFor(redirect.url));
+      });
+      std::lock_guard lock(playersMutex_);
+      players_.push_back(player);
+      return player;
+    };
+    playback = std::make_shared<QSOPlaybackEngine>(services);
+    return *playback;
+  }
+  QSOPlaybackEngine& gstEngine() {
+    services->players = [] { return QueuePlayer::create(); };
+    playback = std::make_shared<QSOPlaybackEngine>(services);
+    return *playback;
+  }
+
+  // The delegate that serves a redirect to `url` (a server path), holding from `holdAt` if set.
+  std::shared_ptr<StreamDelegate> streamFor(const std::string& url) {
+    const auto path = url.substr(url.find('/', url.find("://") + 3));
+    auto stream = std::make_shared<StreamDelegate>(server.currentBytes(path));
+    std::lock_guard lock(playersMutex_);
+    if (holdStreamsAt) stream->holdFrom(*holdStreamsAt);
+    streams_.push_back(stream);
+    return stream;
+  }
+  std::vector<std::shared_ptr<StreamDelegate>> streams() {
+    std::lock_guard lock(playersMutex_);
+    return streams_;
+  }
+  // Every player the engine made, in order.
+  std::vector<std::shared_ptr<VirtualQueuePlayer>> players() {
+    std::lock_guard lock(playersMutex_);
+    return players_;
+  }
+  std::shared_ptr<QueuePlayer> player() { return playback->core()->streamingPlayer(); }
+  // The chapters in the player's queue, current first, as "<id>_<part>_<chapter>".
+  std::vector<std::string> queued() {
+    std::vector<std::string> chapters;
+    if (auto p = player()) {
+      for (const auto& item : p->items()) {
+        auto name = item->url().substr(QSOResourceLoaderDelegate::kURLScheme.size());
+        chapters.push_back(FilesystemHelper::chapterDescription(name)->toString());
+      }
+    }
+    return chapters;
+  }
+  // True once the current item is ready and the player runs: from then on the clock moves it.
+  bool playing() {
+    return eventually([&] {
+      auto p = player();
+      auto item = p ? p->currentItem() : nullptr;
+      return item && item->status() == PlayerItemStatus::ReadyToPlay && p->rate() > 0;
+    });
+  }
+  // Moves the test clock in small steps, running what each step queues.
+  void advance(double seconds, double step = 0.05) {
+    for (double done = 0; done + 1e-9 < seconds; done += step) {
+      clock->get()->advance(std::chrono::duration_cast<Duration>(
+          std::chrono::duration<double>(std::min(step, seconds - done))));
+      clock->get()->runUntilIdle();
+    }
+  }
+  // Advances in small steps until `condition` holds, for at most `limit` seconds.
+  bool advanceUntil(const std::function<bool()>& condition, double limit = 30) {
+    for (double done = 0; done < limit; done += 0.05) {
+      if (condition()) return true;
+      advance(0.05);
+    }
+    return condition();
+  }
+  // The milestones of a playback in order: loaded, started, paused, complete, failed, unloaded
+  // (progress, buffering, seek and rate reports left out).
+  std::vector<std::string> milestones() {
+    static const std::vector<std::string_view> kMilestones = {
+        QSOPlaybackChapterLoadedNotification,     QSOPlaybackChapterStartedNotification,
+        QSOPlaybackChapterPausedNotification,     QSOPlaybackChapterPausedFailedNotification,
+        QSOPlaybackChapterCompleteNotification,   QSOPlaybackChapterFailedNotification,
+        QSOPlaybackAudiobookCompleteNotification, QSOPlaybackAudiobookUnloadedNotification};
+    std::vector<std::string> names;
+    for (const auto& p : posted()) {
+      if (std::find(kMilestones.begin(), kMilestones.end(), p.name) != kMilestones.end()) {
+        names.push_back(p.name);
+      }
+    }
+    return names;
+  }
+  size_t count(std::string_view name) {
+    auto all = posted();
+    return static_cast<size_t>(
+        std::count_if(all.begin(), all.end(), [&](const Posted& p) { return p.name == name; }));
+  }
+  std::vector<Posted> postedNamed(std::string_view name) {
+    std::vector<Posted> found;
+    for (const auto& p : posted()) {
+      if (p.name == name) found.push_back(p);
+    }
+    return found;
+  }
+
+  std::shared_ptr<AudioSession> session = std::make_shared<AudioSession>();
+  std::optional<ScopedVirtualClock> clock;
+  std::shared_ptr<QSOPlaybackEngine> playback;
+  std::optional<int64_t> holdStreamsAt;  // guarded by playersMutex_ once the engine runs
+
+ private:
+  std::mutex playersMutex_;
+  std::vector<std::shared_ptr<VirtualQueuePlayer>> players_;
+  std::vector<std::shared_ptr<StreamDelegate>> streams_;
 };
 
 }  // namespace sonorell::testing

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "platform/dispatch/dispatch_queue.h"
-#include "platform/media/media_time.h"
 #include "platform/dispatch/observation.h"
+#include "platform/media/media_time.h"
 #include "platform/media/player_item.h"
 
 namespace sonorell {
@@ -26,10 +26,8 @@ class QueuePlayer {
   using SeekCompletion = std::function<void(bool finished)>;
   using Factory = std::function<std::shared_ptr<QueuePlayer>()>;
 
-  // A player of the backend chosen for this process: GStreamer unless setFactory() chose another.
+  // A player of the GStreamer backend (Services::players chooses the backend for the engine).
   static std::shared_ptr<QueuePlayer> create();
-  // Replaces the backend for later create() calls; an empty factory restores GStreamer.
-  static void setFactory(Factory factory);
 
   virtual ~QueuePlayer() = default;
 

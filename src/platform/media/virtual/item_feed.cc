@@ -116,12 +116,13 @@ void VirtualItemFeed::loadingRequestDidFinish(LoadingRequest& request) {
     std::lock_guard lock(mutex_);
     if (outstanding_.get() != &request) return;
     outstanding_.reset();
-    if (auto info = request.contentInformation()) state_.info = info;
     if (auto error = request.error()) {
       state_.error = error;
     } else if (auto redirect = request.redirect()) {
+      // The content information comes from where the redirect leads, asked for again there.
       state_.redirect = redirect;
     } else {
+      if (auto info = request.contentInformation()) state_.info = info;
       DataRequest* data = request.dataRequest();
       bool shortAnswer =
           data && data->currentOffset() < data->requestedOffset() + data->requestedLength();
