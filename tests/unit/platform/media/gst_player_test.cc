@@ -205,9 +205,16 @@ TEST_F(GstPlayerTest, LoaderThatStopsAnsweringLeadsToStalled) {
   player_->play();
   ASSERT_TRUE(waitUntil([&] { return player_->currentTime().seconds() > 0.5; }));
   delegates_[0]->stopAnswering();
-  ASSERT_TRUE(recorder_->waitFor("stalled", 1));
-  EXPECT_TRUE(a->isPlaybackBufferEmpty());
-  EXPECT_FALSE(a->isPlaybackLikelyToKeepUp());
+  // On a loaded machine a stall can be declared while the decoder still holds a few buffers;
+  // the pause then prerolls them and the item recovers. Playing on uses them up, and the next
+  // stall is where the bytes really end.
+  bool starved = false;
+  for (size_t stalls = 1; stalls <= 5 && !starved; ++stalls) {
+    ASSERT_TRUE(recorder_->waitFor("stalled", stalls));
+    starved = a->isPlaybackBufferEmpty() && !a->isPlaybackLikelyToKeepUp();
+    if (!starved) player_->play();
+  }
+  EXPECT_TRUE(starved);
   EXPECT_EQ(player_->rate(), 0.0f);
   EXPECT_LT(player_->currentTime().seconds(), 15.0);
   EXPECT_EQ(recorder_->count("end"), 0u);
