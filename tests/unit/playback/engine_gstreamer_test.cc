@@ -111,6 +111,8 @@ TEST_F(EngineOnGStreamer, ASeekWhilePausedStaysThereAndDoubleSpeedKeepsThePitch)
   auto& engine = gstEngine();
   engine.playForAudiobookID("1001", 0, 3, 0, "session", "license-1001");
   ASSERT_TRUE(waitForCount(QSOPlaybackChapterStartedNotification, 1));
+  // The seek to the start offset that came with the load has answered: the next answer is ours.
+  ASSERT_TRUE(waitForCount(QSOPlaybackChapterOffsetCompletedNotification, 1));
   engine.pause();
   ASSERT_TRUE(waitForCount(QSOPlaybackChapterPausedNotification, 1));
   const auto seeks = count(QSOPlaybackChapterOffsetCompletedNotification);

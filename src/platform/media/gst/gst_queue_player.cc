@@ -311,6 +311,7 @@ void GstQueuePlayer::stopPipeline(bool keepPendingSeek) {
     std::lock_guard lock(mutex_);
     loaded_ = pendingNext_ = sourceItem_ = nullptr;
     prerolled_ = ended_ = stalled_ = failed_ = false;
+    settledSeconds_.reset();
     if (!keepPendingSeek) pending = std::move(pendingSeek_);
     inFlight = std::move(seekInFlight_);
     if (!keepPendingSeek) pendingSeek_.reset();
@@ -576,10 +577,20 @@ MediaTime GstQueuePlayer::currentTime() const {
     item = loaded_;
   }
   gint64 position = 0;
-  if (!gst_element_query_position(gst_->playbin, GST_FORMAT_TIME, &position) || position < 0) {
-    return MediaTime::zero();
+  const bool answered =
+      gst_element_query_position(gst_->playbin, GST_FORMAT_TIME, &position) && position >= 0;
+  std::lock_guard lock(mutex_);
+  // Right after a seek the pipeline may not answer yet, or answer from before it: it is where
+  // the seek put it until it answers from there.
+  if (settledSeconds_) {
+    const MediaTime settled = MediaTime::fromSeconds(*settledSeconds_);
+    if (answered && position + 100'000'000 >= settled.nanoseconds()) {
+      settledSeconds_.reset();
+    } else if (!answered || rate_ <= 0) {
+      return settled;
+    }
   }
-  return MediaTime::fromNanoseconds(position);
+  return answered ? MediaTime::fromNanoseconds(position) : MediaTime::zero();
 }
 
 void GstQueuePlayer::refreshDuration(const ItemPtr& item) {
@@ -652,6 +663,7 @@ void GstQueuePlayer::onAsyncDone() {
     }
     finished = std::move(seekInFlight_);
     seekInFlight_.reset();
+    if (finished) settledSeconds_ = finished->seconds;
     recovered = stalled_;
     stalled_ = false;
   }
@@ -714,6 +726,7 @@ void GstQueuePlayer::onStreamStart() {
     next = loaded_ = pendingNext_;
     pendingNext_ = nullptr;
     ended_ = stalled_ = false;
+    settledSeconds_.reset();
     prerolled_ = true;
     rate = rate_;
     // The new stream starts with a segment at the normal rate.

@@ -98,6 +98,8 @@ class GstQueuePlayer : public QueuePlayerBase {
   bool failed_ = false;
   std::optional<Seek> pendingSeek_;   // waits for the item to be ready
   std::optional<Seek> seekInFlight_;  // sent, completes at the next async-done
+  // Where the last finished seek landed: the position until the pipeline answers a query.
+  mutable std::optional<double> settledSeconds_;
   AudioTap tap_;
 };
 
