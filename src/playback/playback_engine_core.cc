@@ -141,9 +141,11 @@ uint64_t PlaybackEngineCore::currentOffset() const {
 }
 
 uint64_t PlaybackEngineCore::currentDuration() const {
-  auto item = playerCurrentItem();
-  if (!item) return 0;
-  const MediaTime duration = item->duration();
+  return durationSeconds(playerCurrentItem());
+}
+
+uint64_t PlaybackEngineCore::durationSeconds(const ItemPtr& item) {
+  const MediaTime duration = item ? item->duration() : MediaTime::invalid();
   if (!duration.isNumeric() || duration.value < 0) return 0;
   return static_cast<uint64_t>(duration.value / duration.timescale);
 }
@@ -164,7 +166,10 @@ QSOChapterDescription PlaybackEngineCore::currentChapter() const {
   return QSOChapterDescription(currentAudiobookID_, currentPartNumber_, currentChapterNumber_);
 }
 
-QSOPlayerStatus PlaybackEngineCore::playerStatus() const { return status(); }
+QSOPlayerStatus PlaybackEngineCore::playerStatus() const {
+  std::lock_guard lock(mutex_);
+  return playerStatus_;
+}
 
 float PlaybackEngineCore::currentRate() const {
   std::lock_guard lock(mutex_);
@@ -176,14 +181,19 @@ std::shared_ptr<QueuePlayer> PlaybackEngineCore::streamingPlayer() const {
   return streamingPlayer_;
 }
 
-QSOPlayerStatus PlaybackEngineCore::status() const {
-  std::lock_guard lock(mutex_);
-  return playerStatus_;
-}
-
 void PlaybackEngineCore::setStatus(QSOPlayerStatus status) {
   std::lock_guard lock(mutex_);
   playerStatus_ = status;
+}
+
+std::string PlaybackEngineCore::licenseID() const {
+  std::lock_guard lock(mutex_);
+  return currentLicenseID_;
+}
+
+std::optional<std::string> PlaybackEngineCore::requestIdentifier() const {
+  std::lock_guard lock(mutex_);
+  return currentRequestIdentifier_;
 }
 
 bool PlaybackEngineCore::isCurrentRequest(const std::string& requestIdentifier) const {
@@ -272,10 +282,6 @@ void PlaybackEngineCore::onObserver(std::function<void(PlaybackEngineCore&)> blo
   });
 }
 
-void PlaybackEngineCore::onMainSync(const std::function<void()>& block) {
-  QSORunOnMainThreadSync(block);
-}
-
 void PlaybackEngineCore::onObserverSync(const std::function<void()>& block) {
   if (observerQueue_->isCurrent()) {
     block();
@@ -321,7 +327,7 @@ void PlaybackEngineCore::stopTimer() {
 
 void PlaybackEngineCore::monitorPlayback() {
   const uint64_t offset = currentOffset();
-  if (status() == QSOPlayerStatusPlaying) {
+  if (playerStatus() == QSOPlayerStatusPlaying) {
     recordListening(offset);
     Dictionary context;
     context.emplace(std::string(QSOCurrentOffsetUserInfoKey), offset);

@@ -175,6 +175,8 @@ class PlaybackEngineCore : public std::enable_shared_from_this<PlaybackEngineCor
   static std::optional<QSOChapterDescription> chapterDescriptionFromPlayerItem(const ItemPtr& item);
   static std::shared_ptr<QSOResourceLoaderDelegate> delegateOf(const ItemPtr& item);
   static std::string describeItem(const ItemPtr& item);
+  // The item's duration in whole seconds; 0 when unknown.
+  static uint64_t durationSeconds(const ItemPtr& item);
   static std::string describeItems(const std::vector<ItemPtr>& items);
 
   // Notifications (playback_engine_core.cc); never called with mutex_ held.
@@ -192,14 +194,14 @@ class PlaybackEngineCore : public std::enable_shared_from_this<PlaybackEngineCor
   // Runs `block` on the queue with the core, if it still exists.
   void onInput(std::function<void(PlaybackEngineCore&)> block);
   void onObserver(std::function<void(PlaybackEngineCore&)> block);
-  static void onMainSync(const std::function<void()>& block);
   void onObserverSync(const std::function<void()>& block);
   std::shared_ptr<QSOStreamingURLManager> streamingURLs() const;
   // The current audiobook, part and chapter, loaded or not.
   QSOChapterDescription currentChapter() const;
   void setStatus(QSOPlayerStatus status);
   uint64_t startOffset() const;
-  QSOPlayerStatus status() const;
+  std::string licenseID() const;
+  std::optional<std::string> requestIdentifier() const;
   bool isCurrentRequest(const std::string& requestIdentifier) const;
 
   const ServicesPtr services_;
@@ -229,7 +231,7 @@ class PlaybackEngineCore : public std::enable_shared_from_this<PlaybackEngineCor
   uint64_t currentChapterNumber_ = 0;
   std::optional<std::string> currentRequestIdentifier_;
   std::optional<std::string> currentStallIdentifier_;
-  double stallPosition_ = 0;  // the player's time when the current stall began
+  double stallPosition_ = 0;  // the player's time when the current stall began, in seconds
   uint64_t stallRecoveryPlan_ = 1;
   std::string currentSessionKey_;
   std::string currentLicenseID_;
@@ -243,7 +245,6 @@ class PlaybackEngineCore : public std::enable_shared_from_this<PlaybackEngineCor
   std::vector<std::shared_ptr<QSOResourceLoaderDelegate>> delegateHolder_;
   std::vector<ItemPtr> playerItemList_;
   std::vector<ObserverRecord> playerObserversArray_;
-  ObservationToken startPlayingObserver_;
   ObservationToken currentItemObserver_;
   std::map<ItemPtr, std::vector<ObservationToken>> itemObservers_;
 };

@@ -129,7 +129,6 @@ void PlaybackEngineCore::removeStartPlayingObserver(const std::shared_ptr<QueueP
     for (auto it = records.begin(); it != records.end();) {
       auto blockPlayer = it->blockPlayer.lock();
       if (blockPlayer == player || !blockPlayer) {
-        if (it->startPlayingObserver == startPlayingObserver_) startPlayingObserver_.reset();
         tokens.push_back(std::move(it->startPlayingObserver));
         it = records.erase(it);
       } else {
@@ -157,7 +156,7 @@ void PlaybackEngineCore::updateCurrentPlaying(const ItemPtr& item) {
 void PlaybackEngineCore::currentItemChanged(const ItemPtr& oldItem, const ItemPtr& newItem) {
   LogEngineInfo("[PlaybackEngine] current item changed from %@ to %@", describeItem(oldItem),
                 describeItem(newItem));
-  if (oldItem) onMainSync([&] { retireItem(oldItem); });
+  if (oldItem) QSORunOnMainThreadSync([&] { retireItem(oldItem); });
   if (!newItem) return;
   if (newItem->status() == PlayerItemStatus::Failed) {
     LogEngineError("[PlaybackEngine] loaded a chapter with a failed status and error: %@",
@@ -197,9 +196,9 @@ void PlaybackEngineCore::currentItemChanged(const ItemPtr& oldItem, const ItemPt
 
   auto player = streamingPlayer();
   if (!player) return;
-  onMainSync([&] {
+  QSORunOnMainThreadSync([&] {
     removeStartPlayingObserver(player);
-    if (status() == QSOPlayerStatusPaused) return;
+    if (playerStatus() == QSOPlayerStatusPaused) return;
     LogEngineInfo("PlaybackEngine] Register time observer for %@", describeItem(newItem));
     std::weak_ptr<PlaybackEngineCore> weak = weak_from_this();
     std::weak_ptr<QueuePlayer> weakPlayer = player;
@@ -209,7 +208,6 @@ void PlaybackEngineCore::currentItemChanged(const ItemPtr& oldItem, const ItemPt
           if (self && weakPlayer.lock() == self->streamingPlayer()) self->startPlayingTick(time);
         });
     std::lock_guard lock(mutex_);
-    startPlayingObserver_ = token;
     playerObserversArray_.push_back({player, token});
   });
   if (newItem->status() == PlayerItemStatus::ReadyToPlay) readyToPlay();
@@ -217,7 +215,7 @@ void PlaybackEngineCore::currentItemChanged(const ItemPtr& oldItem, const ItemPt
   const QSOChapterDescription current = currentChapter();
   const bool last =
       chapterAfter(current.partNumber(), current.chapterNumber()).kind == Neighbour::Kind::AtEnd;
-  onMainSync(
+  QSORunOnMainThreadSync(
       [&] { player->setActionAtItemEnd(last ? ActionAtItemEnd::None : ActionAtItemEnd::Advance); });
   onInput([requestIdentifier](PlaybackEngineCore& self) {
     self.refillAfterLastItem(*requestIdentifier);
@@ -322,11 +320,7 @@ void PlaybackEngineCore::playbackStarted() {
   auto delegate = delegateOf(playerCurrentItem());
   const bool streaming = delegate && delegate->isStreaming();
   const QSOChapterDescription chapter = currentChapter();
-  std::string license;
-  {
-    std::lock_guard lock(mutex_);
-    license = currentLicenseID_;
-  }
+  const std::string license = licenseID();
   std::string token;
   if (streaming) {
     if (auto playlist = playlistManager_->getPlaylistForIdentifier(license, true)) {
@@ -361,9 +355,7 @@ void PlaybackEngineCore::handleEnd(const ItemPtr& item) {
   // The ended item's chapter: the player may already have moved on to the next one.
   const QSOChapterDescription ended =
       chapterDescriptionFromPlayerItem(item).value_or(currentChapter());
-  const MediaTime duration = item->duration();
-  const uint64_t seconds =
-      duration.isNumeric() && duration.value > 0 ? duration.value / duration.timescale : 0;
+  const uint64_t seconds = durationSeconds(item);
   // A player that has moved on to the next item no longer knows where this one stopped.
   const uint64_t offset = playerCurrentItem() == item ? currentOffset() : seconds;
   LogEngineInfo("[PlaybackEngine] Chapter ended %@ (%ld/%ld)", ended.toString(), offset, seconds);
@@ -446,14 +438,14 @@ void PlaybackEngineCore::didNotReachEnd(const ItemPtr& item, const ErrorPtr& err
 
 void PlaybackEngineCore::playbackStalled(const ItemPtr& item) {
   const std::string stallIdentifier = QSOUtils::generateUUID();
-  const double position = currentOffset();
+  auto player = streamingPlayer();
+  const double position = player ? player->currentTime().seconds() : 0;
   uint64_t wait;
   {
     std::lock_guard lock(mutex_);
     currentStallIdentifier_ = stallIdentifier;
     stalled_ = true;
-    stallPosition_ =
-        std::max(position, streamingPlayer_ ? streamingPlayer_->currentTime().seconds() : 0.0);
+    stallPosition_ = position;
     wait = maxStallTime_;
     playerStatus_ = QSOPlayerStatusLoading;
     playbackStartedFlag_ = false;
@@ -538,7 +530,7 @@ void PlaybackEngineCore::retireItem(const ItemPtr& item) {
 void PlaybackEngineCore::haltPlayer() {
   auto player = streamingPlayer();
   if (player) {
-    onMainSync([&] {
+    QSORunOnMainThreadSync([&] {
       player->pause();
       removePlayerObservers();
       player->removeAllItems();
@@ -550,7 +542,6 @@ void PlaybackEngineCore::haltPlayer() {
   std::vector<std::shared_ptr<QSOResourceLoaderDelegate>> delegates;
   {
     std::lock_guard lock(mutex_);
-    startPlayingObserver_.reset();
     if (streamingPlayer_ == player) streamingPlayer_.reset();
     // The items left the player with it; nothing will retire them.
     itemObservers.swap(itemObservers_);
@@ -612,7 +603,7 @@ void PlaybackEngineCore::interruption(const AudioSessionEvent& event) {
   LogEngineInfo("[PlaybackEngine] Audio interrupt notification received (%@) (%@)",
                 began ? "Begin" : "End", suspended ? "Yes" : "No");
   if (began) {
-    if (suspended || status() != QSOPlayerStatusPlaying) return;
+    if (suspended || playerStatus() != QSOPlayerStatusPlaying) return;
     const uint64_t offset = currentOffset();
     {
       std::lock_guard lock(mutex_);
@@ -645,7 +636,7 @@ void PlaybackEngineCore::routeChange(const AudioSessionEvent& event) {
   LogEngineInfo("[PlaybackEngine] Audio Route Changed: %@ Reason: %d",
                 "AVAudioSessionRouteChangeNotification", event.routeChangeReason);
   if (event.routeChangeReason != AudioSessionRouteChangeReason::OldDeviceUnavailable ||
-      status() != QSOPlayerStatusPlaying) {
+      playerStatus() != QSOPlayerStatusPlaying) {
     return;
   }
   setStatus(QSOPlayerStatusPaused);

@@ -92,12 +92,7 @@ void PlaybackEngineCore::previousChapter() {
 void PlaybackEngineCore::unload() {
   LogEngineInfo("[PlaybackEngine] -(void)unload");
   onInput([](PlaybackEngineCore& self) {
-    std::string license;
-    {
-      std::lock_guard lock(self.mutex_);
-      license = self.currentLicenseID_;
-    }
-    self.playlistManager_->removePlaylistForIdentifier(license);
+    self.playlistManager_->removePlaylistForIdentifier(self.licenseID());
     self.unloadWithReason(QSOPlaybackUnloadedReasonUser);
   });
 }
@@ -187,11 +182,7 @@ void PlaybackEngineCore::startRequest(const std::string& audiobookID, uint64_t p
         auto strong = weak.lock();
         if (!strong) return;
         strong->onInput([=](PlaybackEngineCore& self) {
-          std::optional<std::string> current;
-          {
-            std::lock_guard lock(self.mutex_);
-            current = self.currentRequestIdentifier_;
-          }
+          const auto current = self.requestIdentifier();
           if (current && *current != requestIdentifier) return;
           if (error) {
             if (current) self.sendFailure(24001, error, description);
@@ -229,7 +220,7 @@ void PlaybackEngineCore::loadChapter(const QSOChapterDescription& chapter, uint6
   if (!appendToPlayer(player, item)) {
     LogEngineWarning("[PlaybackEngine] Unable to insert player item: %@", describeItem(item));
   }
-  onMainSync([player] { player->setActionAtItemEnd(ActionAtItemEnd::Advance); });
+  QSORunOnMainThreadSync([player] { player->setActionAtItemEnd(ActionAtItemEnd::Advance); });
   queueRestAfter(chapter, requestIdentifier);
 }
 
@@ -260,7 +251,7 @@ bool PlaybackEngineCore::appendToPlayer(const std::shared_ptr<QueuePlayer>& play
                                         const ItemPtr& item) {
   bool inserted = false;
   // On the main queue, so that the player's queue and playerItemList_ agree when we go on.
-  onMainSync([&] {
+  QSORunOnMainThreadSync([&] {
     if (!player->canInsertItem(item, nullptr)) return;
     {
       std::lock_guard lock(mutex_);
@@ -273,12 +264,7 @@ bool PlaybackEngineCore::appendToPlayer(const std::shared_ptr<QueuePlayer>& play
 
 std::optional<std::string> PlaybackEngineCore::cachedPlaylistURL(uint64_t part,
                                                                  uint64_t chapter) const {
-  std::string license;
-  {
-    std::lock_guard lock(mutex_);
-    license = currentLicenseID_;
-  }
-  auto playlist = playlistManager_->getPlaylistForIdentifier(license, false);
+  auto playlist = playlistManager_->getPlaylistForIdentifier(licenseID(), false);
   if (!playlist) return std::nullopt;
   std::optional<std::string> url;
   for (const auto& item : playlist->playlist()) {
@@ -413,7 +399,7 @@ std::optional<QSOChapterDescription> PlaybackEngineCore::chapterBeforePartNumber
 // ---- the host's commands, on the input queue
 
 void PlaybackEngineCore::doResume() {
-  if (!streamingPlayer() || status() != QSOPlayerStatusPaused) return;
+  if (!streamingPlayer() || playerStatus() != QSOPlayerStatusPaused) return;
   if (!activateAudioSessionOrFail()) return;
   float rate;
   {
@@ -429,7 +415,7 @@ void PlaybackEngineCore::doResume() {
 
 void PlaybackEngineCore::doPause() {
   auto player = streamingPlayer();
-  if (!player || status() == QSOPlayerStatusUnloaded) {
+  if (!player || playerStatus() == QSOPlayerStatusUnloaded) {
     sendChapterEvent(QSOPlaybackChapterPausedFailedNotification);
     return;
   }
@@ -479,7 +465,7 @@ void PlaybackEngineCore::doNextChapter() {
     resumeFromUserRequestedLoad_ = true;
     playerStatus_ = QSOPlayerStatusLoading;
   }
-  if (player) onMainSync([player] { player->pause(); });
+  if (player) QSORunOnMainThreadSync([player] { player->pause(); });
   if (!player || player->items().size() < 2) {
     LogEngineInfo("[PlaybackEngine] Next is not in queue, performing partial reload");
     haltPlayer();
@@ -493,7 +479,7 @@ void PlaybackEngineCore::doNextChapter() {
     return;
   }
   LogEngineInfo("[PlaybackEngine] Next is in queue, advancing");
-  onMainSync([player] { player->advanceToNextItem(); });
+  QSORunOnMainThreadSync([player] { player->advanceToNextItem(); });
 }
 
 void PlaybackEngineCore::doPreviousChapter() {
@@ -515,14 +501,14 @@ void PlaybackEngineCore::doPreviousChapter() {
     playerStatus_ = QSOPlayerStatusLoading;
   }
   auto player = streamingPlayer();
-  if (player) onMainSync([player] { player->pause(); });
+  if (player) QSORunOnMainThreadSync([player] { player->pause(); });
   if (!player || player->items().empty()) {
     LogEngineInfo("[PlaybackEngine] Attempt Previous. No items queued. Not doing anything");
     return;
   }
   auto item = buildPlayerItem(chapterURL(*previous.chapter));
   ItemPtr oldItem;
-  onMainSync([&] {
+  QSORunOnMainThreadSync([&] {
     oldItem = player->currentItem();
     {
       std::lock_guard lock(mutex_);
@@ -544,14 +530,10 @@ void PlaybackEngineCore::doPreviousChapter() {
       "currentItem:%@ items:%@",
       previous.chapter->partNumber(), previous.chapter->chapterNumber(),
       describeItem(player->currentItem()), describeItems(player->items()));
-  std::optional<std::string> requestIdentifier;
-  {
-    std::lock_guard lock(mutex_);
-    requestIdentifier = currentRequestIdentifier_;
-  }
-  if (!requestIdentifier) return;
-  onInput([chapter = *previous.chapter, requestIdentifier](PlaybackEngineCore& self) {
-    self.queueRestAfter(chapter, *requestIdentifier);
+  const auto request = requestIdentifier();
+  if (!request) return;
+  onInput([chapter = *previous.chapter, request](PlaybackEngineCore& self) {
+    self.queueRestAfter(chapter, *request);
   });
 }
 

@@ -2,7 +2,7 @@
 // streaming URL manager on its core and a reachability the test sets, a loading-request client
 // that records what it receives, a wait for what a loading request or the server does, and a
 // playback engine on the virtual player and test clock (or on GStreamer) whose streamed chapters
-// come from a delegate that can hold its bytes back.
+// come from a file delegate that can hold its bytes back.
 #pragma once
 
 #include <chrono>
@@ -24,6 +24,7 @@
 #include "playback/streaming_url_manager.h"
 #include "sonorell/playback_engine.h"
 #include "support/download_engine_support.h"
+#include "unit/platform/media/media_test_support.h"
 
 namespace sonorell::testing {
 
@@ -125,76 +126,6 @@ class PlaybackTest : public DownloadEngineTest {
   std::shared_ptr<QSOStreamingURLManager> urls;
 };
 
-// Serves a streamed chapter's bytes to the virtual player (which has no network) and can hold
-// back everything from one offset on, which stalls the player there, until released. Runs on
-// the loader's queue; the held requests and the limit are guarded by mutex_.
-class StreamDelegate : public ResourceLoaderDelegate {
- public:
-  explicit StreamDelegate(std::string bytes) : bytes_(std::move(bytes)) {}
-
-  void holdFrom(int64_t offset) {
-    std::lock_guard lock(mutex_);
-    holdAt_ = offset;
-  }
-  // Answers the held requests (on `queue`, the loader's) up to `holdNextAt`, or to the end.
-  void release(const DispatchQueuePtr& queue, std::optional<int64_t> holdNextAt = std::nullopt) {
-    queue->async([this, holdNextAt] {
-      std::vector<std::shared_ptr<LoadingRequest>> held;
-      {
-        std::lock_guard lock(mutex_);
-        holdAt_ = holdNextAt;
-        held.swap(held_);
-      }
-      for (auto& request : held) serve(request);
-    });
-  }
-
-  bool shouldWaitForLoadingOfRequestedResource(
-      ResourceLoader&, const std::shared_ptr<LoadingRequest>& request) override {
-    if (auto* info = request->contentInformationRequest()) {
-      info->setContentLength(static_cast<int64_t>(bytes_.size()));
-      info->setContentType("public.mp3");
-      info->setByteRangeAccessSupported(true);
-    }
-    serve(request);
-    return true;
-  }
-
- private:
-  void serve(const std::shared_ptr<LoadingRequest>& request) {
-    DataRequest* data = request->dataRequest();
-    if (!data) {
-      request->finishLoading();
-      return;
-    }
-    const int64_t size = static_cast<int64_t>(bytes_.size());
-    const int64_t end = std::min(data->requestedOffset() + data->requestedLength(), size);
-    std::optional<int64_t> holdAt;
-    {
-      std::lock_guard lock(mutex_);
-      holdAt = holdAt_;
-    }
-    int64_t at = std::max(data->currentOffset(), data->requestedOffset());
-    const int64_t until = holdAt ? std::min(end, *holdAt) : end;
-    if (until > at) {
-      data->respondWithData(reinterpret_cast<const uint8_t*>(bytes_.data()) + at,
-                            static_cast<size_t>(until - at));
-      at = until;
-    }
-    if (at >= end) {
-      request->finishLoading();
-      return;
-    }
-    std::lock_guard lock(mutex_);
-    held_.push_back(request);
-  }
-
-  const std::string bytes_;
-  std::mutex mutex_;
-  std::optional<int64_t> holdAt_;
-  std::vector<std::shared_ptr<LoadingRequest>> held_;
-};
-
 // A playback engine on this fixture's services, with its own audio session. The virtual flavour
 // installs the test clock when it is made, so that downloads made before ran in real time.
 class PlaybackEngineTest : public PlaybackTest {
@@ -240,16 +171,19 @@ class PlaybackEngineTest : public PlaybackTest {
     return *playback;
   }
 
-  // The delegate that serves a redirect to `url` (a server path), holding from `holdAt` if set.
-  std::shared_ptr<StreamDelegate> streamFor(const std::string& url) {
-    const auto path = url.substr(url.find('/', url.find("://") + 3));
-    auto stream = std::make_shared<StreamDelegate>(server.currentBytes(path));
+  // The delegate that serves the server's bytes for a redirect to `url` (the virtual player has
+  // no network), holding from `holdStreamsAt` if set.
+  std::shared_ptr<FileLoaderDelegate> streamFor(const std::string& url) {
+    const auto bytes = server.currentBytes(url.substr(url.find('/', url.find("://") + 3)));
+    FileLoaderDelegate::Behaviour behaviour;
     std::lock_guard lock(playersMutex_);
-    if (holdStreamsAt) stream->holdFrom(*holdStreamsAt);
+    if (holdStreamsAt) behaviour.stallAt = *holdStreamsAt;
+    auto stream = std::make_shared<FileLoaderDelegate>(
+        std::vector<uint8_t>(bytes.begin(), bytes.end()), behaviour);
     streams_.push_back(stream);
     return stream;
   }
-  std::vector<std::shared_ptr<StreamDelegate>> streams() {
+  std::vector<std::shared_ptr<FileLoaderDelegate>> streams() {
     std::lock_guard lock(playersMutex_);
     return streams_;
   }
@@ -310,11 +244,6 @@ class PlaybackEngineTest : public PlaybackTest {
     }
     return names;
   }
-  size_t count(std::string_view name) {
-    auto all = posted();
-    return static_cast<size_t>(
-        std::count_if(all.begin(), all.end(), [&](const Posted& p) { return p.name == name; }));
-  }
   std::vector<Posted> postedNamed(std::string_view name) {
     std::vector<Posted> found;
     for (const auto& p : posted()) {
@@ -322,6 +251,8 @@ class PlaybackEngineTest : public PlaybackTest {
     }
     return found;
   }
+
+  size_t count(std::string_view name) { return postedNamed(name).size(); }
 
   std::shared_ptr<AudioSession> session = std::make_shared<AudioSession>();
   std::optional<ScopedVirtualClock> clock;
@@ -331,7 +262,7 @@ class PlaybackEngineTest : public PlaybackTest {
  private:
   std::mutex playersMutex_;
   std::vector<std::shared_ptr<VirtualQueuePlayer>> players_;
-  std::vector<std::shared_ptr<StreamDelegate>> streams_;
+  std::vector<std::shared_ptr<FileLoaderDelegate>> streams_;
 };
 
 }  // namespace sonorell::testing

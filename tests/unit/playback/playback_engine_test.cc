@@ -64,9 +64,9 @@ class PlaybackEngine : public testing::PlaybackEngineTest {
     advance(0.6);
     ASSERT_EQ(engine.playerStatus(), QSOPlayerStatusPlaying);
   }
-  void releaseStream(std::optional<int64_t> holdNextAt = std::nullopt) {
-    auto queue = player()->currentItem()->resourceLoader().delegateQueue();
-    streams().back()->release(queue, holdNextAt);
+  void releaseStream(int64_t holdNextAt = -1) {
+    streams().back()->release(player()->currentItem()->resourceLoader().delegateQueue(),
+                              holdNextAt);
   }
   static bool stalled(const QSOPlaybackEngine& engine) {
     return engine.playerStatus() == QSOPlayerStatusLoading;

@@ -67,7 +67,8 @@ inline std::vector<uint8_t> readFile(const std::filesystem::path& path) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-// Serves a file to loading requests in 10 KiB pieces, or misbehaves as told.
+// Serves a file's (or given) bytes to loading requests in 10 KiB pieces, or misbehaves as told.
+// A stall holds the requests that reach it until release() answers them.
 class FileLoaderDelegate : public ResourceLoaderDelegate {
  public:
   struct Behaviour {
@@ -81,7 +82,23 @@ class FileLoaderDelegate : public ResourceLoaderDelegate {
   explicit FileLoaderDelegate(const std::filesystem::path& path)
       : FileLoaderDelegate(path, Behaviour()) {}
   FileLoaderDelegate(const std::filesystem::path& path, Behaviour behaviour)
-      : bytes_(readFile(path)), behaviour_(std::move(behaviour)) {}
+      : FileLoaderDelegate(readFile(path), std::move(behaviour)) {}
+  FileLoaderDelegate(std::vector<uint8_t> bytes, Behaviour behaviour)
+      : bytes_(std::move(bytes)), behaviour_(std::move(behaviour)), stallAt_(behaviour_.stallAt) {}
+
+  // Answers the held requests on `queue` (the delegate's), serving up to `nextStallAt` (-1: to
+  // the end) from now on.
+  void release(const DispatchQueuePtr& queue, int64_t nextStallAt = -1) {
+    queue->async([this, nextStallAt] {
+      std::vector<std::shared_ptr<LoadingRequest>> held;
+      {
+        std::lock_guard lock(mutex_);
+        stallAt_ = nextStallAt;
+        held.swap(held_);
+      }
+      for (auto& request : held) serve(request);
+    });
+  }
 
   // From now on requests are taken and never answered.
   void stopAnswering() { stopped_ = true; }
@@ -106,35 +123,46 @@ class FileLoaderDelegate : public ResourceLoaderDelegate {
       info->setContentType("public.mp3");
       info->setByteRangeAccessSupported(true);
     }
+    serve(request);
+    return true;
+  }
+
+  void didCancelLoadingRequest(ResourceLoader&, const std::shared_ptr<LoadingRequest>&) override {
+    ++cancels_;
+  }
+
+  // Answers from where the request got to (a released one resumes there).
+  void serve(const std::shared_ptr<LoadingRequest>& request) {
     DataRequest* data = request->dataRequest();
     if (!data) {
       request->finishLoading();
-      return true;
+      return;
+    }
+    const int64_t size = static_cast<int64_t>(bytes_.size());
+    int64_t stallAt;
+    {
+      std::lock_guard lock(mutex_);
+      stallAt = stallAt_;
     }
     int64_t end = std::min(data->requestedOffset() + data->requestedLength(), size);
-    for (int64_t at = data->requestedOffset(); at < end;) {
+    for (int64_t at = std::max(data->requestedOffset(), data->currentOffset()); at < end;) {
       if (behaviour_.failAt >= 0 && at >= behaviour_.failAt) {
         request->finishLoading(behaviour_.failError);
-        return true;
+        return;
       }
-      if (behaviour_.stallAt >= 0 && at >= behaviour_.stallAt) {
+      if (stallAt >= 0 && at >= stallAt) {
         std::lock_guard lock(mutex_);
-        held_.push_back(request);  // never answered
-        return true;
+        held_.push_back(request);  // answered by release(), if ever
+        return;
       }
       int64_t piece = std::min<int64_t>(10240, end - at);
-      if (behaviour_.stallAt >= 0) piece = std::min(piece, behaviour_.stallAt - at);
+      if (stallAt >= 0) piece = std::min(piece, stallAt - at);
       if (behaviour_.failAt >= 0)
         piece = std::min(piece, std::max<int64_t>(1, behaviour_.failAt - at));
       data->respondWithData(bytes_.data() + at, static_cast<size_t>(piece));
       at += piece;
     }
     request->finishLoading();
-    return true;
-  }
-
-  void didCancelLoadingRequest(ResourceLoader&, const std::shared_ptr<LoadingRequest>&) override {
-    ++cancels_;
   }
 
   int requests() const { return requests_; }
@@ -148,6 +176,7 @@ class FileLoaderDelegate : public ResourceLoaderDelegate {
   std::atomic<int> cancels_{0};
   std::atomic<bool> stopped_{false};
   std::mutex mutex_;
+  int64_t stallAt_;  // guarded by mutex_
   std::vector<std::shared_ptr<LoadingRequest>> held_;
 };
 
