@@ -1,11 +1,13 @@
 // QSOLogEngine: the process-wide logger, listener and level, the line path of the logging
-// functions, and the sink that brings the platform layer's lines into the same path. No lock on
-// the hot path: logger and listener are atomic shared_ptrs, and a listener call only counts
+// functions, and the sink that brings the platform layer's lines into the same path. Logger and
+// listener are read under one short lock (never held across a call out); a listener call counts
 // itself in and out so that replacing the listener can wait for calls still under way.
 #include "sonorell/log_engine.h"
 
 #include <algorithm>
 #include <atomic>
+#include <mutex>
+#include <utility>
 #include <vector>
 
 #include "platform/log/platform_log.h"
@@ -24,14 +26,30 @@ struct ListenerSlot {
 
 std::atomic<uint64_t> gLevel{1};
 
-std::atomic<std::shared_ptr<UnifiedLog>>& loggerSlot() {
-  static auto* slot = new std::atomic<std::shared_ptr<UnifiedLog>>(UnifiedLog::defaultLog());
-  return *slot;
+// The installed logger and listener. A plain mutex rather than std::atomic<shared_ptr>: the
+// latter's lock in libstdc++ 12 releases with a relaxed store, so a listener's fields written
+// before setListener were not ordered before a logging thread's read of them. Never destroyed:
+// threads may still log while the process exits.
+struct Installed {
+  std::mutex mutex;
+  std::shared_ptr<UnifiedLog> logger = UnifiedLog::defaultLog();
+  std::shared_ptr<ListenerSlot> listener;
+  std::atomic<bool> hasListener{false};  // lets isWanted skip the lock
+};
+
+Installed& installed() {
+  static auto* state = new Installed();
+  return *state;
 }
 
-std::atomic<std::shared_ptr<ListenerSlot>>& listenerSlot() {
-  static auto* slot = new std::atomic<std::shared_ptr<ListenerSlot>>();
-  return *slot;
+std::shared_ptr<ListenerSlot> currentListener() {
+  std::lock_guard lock(installed().mutex);
+  return installed().listener;
+}
+
+std::shared_ptr<UnifiedLog> currentLogger() {
+  std::lock_guard lock(installed().mutex);
+  return installed().logger;
 }
 
 // The slots this thread is calling into right now (a listener may log, or replace itself).
@@ -56,12 +74,12 @@ void callListener(QSOLogListener& listener, LogType type, const std::string& lin
 
 void deliverToListener(LogType type, const std::string& line) {
   for (;;) {
-    auto slot = listenerSlot().load();
+    auto slot = currentListener();
     if (!slot) return;
     slot->inFlight.fetch_add(1);
     // Counted in before checking that the slot is still current: setListener swaps first and
     // then reads the count, so one of the two always sees the other.
-    if (listenerSlot().load() != slot) {
+    if (currentListener() != slot) {
       if (slot->inFlight.fetch_sub(1) == 1) slot->inFlight.notify_all();
       continue;
     }
@@ -93,14 +111,21 @@ void QSOLogEngine::setLogLevel(uint64_t level) { gLevel.store(level); }
 uint32_t QSOLogEngine::currentLogLevel() { return static_cast<uint32_t>(gLevel.load()); }
 
 void QSOLogEngine::setLogger(std::shared_ptr<UnifiedLog> logger) {
-  loggerSlot().store(std::move(logger));
+  std::shared_ptr<UnifiedLog> previous;  // released outside the lock
+  std::lock_guard lock(installed().mutex);
+  previous = std::exchange(installed().logger, std::move(logger));
 }
 
-std::shared_ptr<UnifiedLog> QSOLogEngine::logger() { return loggerSlot().load(); }
+std::shared_ptr<UnifiedLog> QSOLogEngine::logger() { return currentLogger(); }
 
 void QSOLogEngine::setListener(std::shared_ptr<QSOLogListener> listener) {
   auto next = listener ? std::make_shared<ListenerSlot>(std::move(listener)) : nullptr;
-  auto previous = listenerSlot().exchange(std::move(next));
+  std::shared_ptr<ListenerSlot> previous;
+  {
+    std::lock_guard lock(installed().mutex);
+    installed().hasListener.store(next != nullptr);
+    previous = std::exchange(installed().listener, std::move(next));
+  }
   if (!previous) return;
   // Calls this thread itself is making into the old listener cannot be waited for.
   const int own = static_cast<int>(std::count(tCalling.begin(), tCalling.end(), previous.get()));
@@ -110,7 +135,7 @@ void QSOLogEngine::setListener(std::shared_ptr<QSOLogListener> listener) {
 }
 
 std::shared_ptr<QSOLogListener> QSOLogEngine::listener() {
-  auto slot = listenerSlot().load();
+  auto slot = currentListener();
   return slot ? slot->listener : nullptr;
 }
 
@@ -125,8 +150,8 @@ std::string prepareFormat(std::string_view message) {
 }
 
 bool QSOLogEngine::isWanted(LogType type) {
-  if (listenerSlot().load(std::memory_order_relaxed)) return true;
-  auto logger = loggerSlot().load();
+  if (installed().hasListener.load(std::memory_order_relaxed)) return true;
+  auto logger = currentLogger();
   return logger && logger->isEnabled(type);
 }
 
@@ -134,7 +159,7 @@ void QSOLogEngine::log(LogType type, std::string_view message) {
   const std::string line = prepareFormat(message);
   // The level is deliberately not consulted: hosts capture everything through the listener.
   deliverToListener(type, line);
-  if (auto logger = loggerSlot().load(); logger && logger->isEnabled(type)) {
+  if (auto logger = currentLogger(); logger && logger->isEnabled(type)) {
     logger->emit(type, line.c_str());
   }
 }

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "connection.h"
 #include "data_dir.h"
 #include "documents.h"
 #include "routes.h"
@@ -69,24 +70,11 @@ void ContentServer::start() {
     d.loaded = true;
   }
 
-  if (d.options.https) {
-    const TlsIdentity tls = d.tls;
-    d.server = std::make_unique<httplib::SSLServer>([tls](SSL_CTX& ctx) {
-      return SSL_CTX_use_certificate_chain_file(&ctx, tls.serverCertificate.c_str()) == 1 &&
-             SSL_CTX_use_PrivateKey_file(&ctx, tls.serverKey.c_str(), SSL_FILETYPE_PEM) == 1 &&
-             SSL_CTX_check_private_key(&ctx) == 1;
-    });
-  } else {
-    d.server = std::make_unique<httplib::Server>();
-  }
-  if (!d.server->is_valid()) {
-    d.server.reset();
-    throw std::runtime_error("content server: TLS set-up failed");
-  }
+  d.server = makeServer(d.options.https ? &d.tls : nullptr);
+  if (!d.server) throw std::runtime_error("content server: TLS set-up failed");
   const std::size_t threads = d.options.workerThreads;
   d.server->new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
-  // Short, so that stop() is not held up long by a client's idle keep-alive connection.
-  d.server->set_keep_alive_timeout(1);
+  d.server->set_keep_alive_timeout(d.options.keepAliveTimeout.count());
   d.server->set_keep_alive_max_count(1000);
   // Small answers must not wait for the client's delayed ACK (Nagle): ~40 ms each otherwise.
   d.server->set_tcp_nodelay(true);

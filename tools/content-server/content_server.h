@@ -26,6 +26,8 @@ struct ServerOptions {
   std::filesystem::path dataDir;
   std::chrono::seconds playlistLifetime{3600};  // negative: playlists arrive already expired
   std::size_t workerThreads = 32;
+  // How long a connection may sit idle between requests; stop() ends idle connections at once.
+  std::chrono::seconds keepAliveTimeout{1};
 };
 
 struct StartupReport {

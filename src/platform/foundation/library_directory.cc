@@ -13,10 +13,19 @@
 namespace sonorell {
 
 namespace {
-std::mutex gMutex;
-std::optional<std::filesystem::path> gHostPath;
-std::optional<std::filesystem::path> gResolved;
-bool gResolvedOnce = false;
+// Never destroyed: a background thread (start-up verification, a transfer) may ask for the
+// path while the process exits.
+struct State {
+  std::mutex mutex;
+  std::optional<std::filesystem::path> hostPath;
+  std::optional<std::filesystem::path> resolved;
+  bool resolvedOnce = false;
+};
+
+State& state() {
+  static auto* s = new State();
+  return *s;
+}
 
 std::string programName() {
   std::ifstream comm("/proc/self/comm");
@@ -26,7 +35,7 @@ std::string programName() {
 }
 
 std::optional<std::filesystem::path> resolve() {
-  if (gHostPath) return gHostPath;
+  if (state().hostPath) return state().hostPath;
   if (const char* dir = std::getenv("SONORELL_LIBRARY_DIR"); dir && *dir) {
     return std::filesystem::path(dir);
   }
@@ -43,26 +52,29 @@ std::optional<std::filesystem::path> resolve() {
 }  // namespace
 
 void LibraryDirectory::setPath(std::filesystem::path path) {
-  std::lock_guard lock(gMutex);
-  if (!gResolvedOnce) gHostPath = std::move(path);
+  auto& s = state();
+  std::lock_guard lock(s.mutex);
+  if (!s.resolvedOnce) s.hostPath = std::move(path);
 }
 
 std::optional<std::filesystem::path> LibraryDirectory::path() {
-  std::lock_guard lock(gMutex);
-  if (!gResolvedOnce) {
-    gResolvedOnce = true;
-    gResolved = resolve();
+  auto& s = state();
+  std::lock_guard lock(s.mutex);
+  if (!s.resolvedOnce) {
+    s.resolvedOnce = true;
+    s.resolved = resolve();
     std::error_code error;
-    if (gResolved && !createDirectories(*gResolved, error)) gResolved.reset();
+    if (s.resolved && !createDirectories(*s.resolved, error)) s.resolved.reset();
   }
-  return gResolved;
+  return s.resolved;
 }
 
 void LibraryDirectory::resetForTesting() {
-  std::lock_guard lock(gMutex);
-  gHostPath.reset();
-  gResolved.reset();
-  gResolvedOnce = false;
+  auto& s = state();
+  std::lock_guard lock(s.mutex);
+  s.hostPath.reset();
+  s.resolved.reset();
+  s.resolvedOnce = false;
 }
 
 bool LibraryDirectory::createDirectories(const std::filesystem::path& dir, std::error_code& error) {

@@ -1,6 +1,7 @@
 #include "platform/net/curl_loop.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -13,6 +14,28 @@ constexpr const char* kCurlErrorDomain = "CURLErrorDomain";
 // How long the loop sleeps in curl_multi_poll when nothing wakes it: a safety net only, since
 // every add and stop wakes it at once.
 constexpr int kPollMs = 1000;
+
+// Loop threads whose loop was destroyed on the thread itself (a job's callback dropped the last
+// reference): they finish on their own and are joined at exit, before libcurl's TLS library
+// tears itself down under them. Never destroyed, so the exit handler can still reach them.
+struct Orphans {
+  std::mutex mutex;
+  std::vector<std::thread> threads;
+};
+
+Orphans& orphans() {
+  static auto* o = new Orphans();
+  return *o;
+}
+
+void joinOrphans() {
+  std::vector<std::thread> threads;
+  {
+    std::lock_guard lock(orphans().mutex);
+    threads.swap(orphans().threads);
+  }
+  for (auto& t : threads) t.join();
+}
 
 std::mutex gDefaultCABundleMutex;
 std::string gDefaultCABundle;  // guarded by gDefaultCABundleMutex
@@ -239,7 +262,11 @@ struct CurlLoop::State {
 
 std::shared_ptr<CurlLoop> CurlLoop::create() {
   static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+  std::call_once(once, [] {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    // Registered after the TLS library's own exit handler, so it runs before that one.
+    std::atexit(joinOrphans);
+  });
   std::shared_ptr<CurlLoop> loop(new CurlLoop());
   loop->state_ = std::make_shared<State>();
   loop->state_->thread = std::thread([state = loop->state_] { state->run(); });
@@ -253,7 +280,8 @@ CurlLoop::~CurlLoop() {
   }
   state_->wake();
   if (state_->thread.get_id() == std::this_thread::get_id()) {
-    state_->thread.detach();
+    std::lock_guard lock(orphans().mutex);
+    orphans().threads.push_back(std::move(state_->thread));
   } else {
     state_->thread.join();
   }
