@@ -12,6 +12,7 @@ packages=(
   libcpp-httplib-dev libcli11-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   curl openssl ccache
+  espeak-ng  # the reference server reads its demo book aloud with it
 )
 
 missing=()

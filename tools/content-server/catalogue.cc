@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <functional>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -13,6 +16,7 @@
 #include "documents.h"
 #include "mp3_renderer.h"
 #include "sha256.h"
+#include "speech_renderer.h"
 
 namespace sonorell::content {
 namespace {
@@ -24,7 +28,29 @@ struct ChapterSpec {
   // 0: the tone's rendition itself, in memory. Otherwise a file of this many frames of it,
   // repeated, served from disk.
   std::uint64_t frames = 0;
+  // Non-empty: the chapter is this text, spoken; the tone stands in when it cannot be.
+  std::string_view speech = {};
 };
+
+// The openings of the first three chapters of Jane Austen's "Pride and Prejudice" (1813).
+constexpr std::string_view kDemoChapterOne =
+    "It is a truth universally acknowledged, that a single man in possession of a good fortune, "
+    "must be in want of a wife. However little known the feelings or views of such a man may be "
+    "on his first entering a neighbourhood, this truth is so well fixed in the minds of the "
+    "surrounding families, that he is considered the rightful property of some one or other of "
+    "their daughters.";
+constexpr std::string_view kDemoChapterTwo =
+    "Mr. Bennet was among the earliest of those who waited on Mr. Bingley. He had always intended "
+    "to visit him, though to the last always assuring his wife that he should not go; and till "
+    "the evening after the visit was paid she had no knowledge of it. It was then disclosed in the "
+    "following manner. Observing his second daughter employed in trimming a hat, he suddenly "
+    "addressed her with: \"I hope Mr. Bingley will like it, Lizzy.\"";
+constexpr std::string_view kDemoChapterThree =
+    "Not all that Mrs. Bennet, however, with the assistance of her five daughters, could ask on "
+    "the subject, was sufficient to draw from her husband any satisfactory description of Mr. "
+    "Bingley. They attacked him in various ways, with barefaced questions, ingenious "
+    "suppositions, and distant surmises; but he eluded the skill of them all, and they were at "
+    "last obliged to accept the second-hand intelligence of their neighbour, Lady Lucas.";
 
 struct BookSpec {
   Book book;  // every field but the chapters
@@ -85,6 +111,17 @@ std::vector<BookSpec> bookSpecs() {
     tenMegabyte.chapters.push_back({0, n, {262 + 37 * variant, 10}, 47'500 + 250 * n});
   }
   books.push_back(std::move(tenMegabyte));
+  Book demo = describe(std::string(kDemoBookID), "Pride and Prejudice", "Three Openings",
+                       "Jane Austen", "eSpeak NG", "Sonorell Demo");
+  demo.awards = {"Sonorell Demo Selection"};
+  demo.bisacCodes = {"FIC004000"};
+  demo.description =
+      "The opening paragraphs of the novel's first three chapters, read by a speech synthesizer.";
+  demo.copyright = "Text in the public domain; reading (c) 2017 Sonorell Reference Audio";
+  books.push_back({std::move(demo),
+                   {{0, 1, {392, 20}, 0, kDemoChapterOne},
+                    {0, 2, {440, 22}, 0, kDemoChapterTwo},
+                    {0, 3, {494, 24}, 0, kDemoChapterThree}}});
   return books;
 }
 
@@ -99,14 +136,15 @@ struct Rendition {
   std::shared_ptr<const ChapterBytes> bytes;
 };
 
-Rendition loadRendition(const std::filesystem::path& audioDir, Tone tone,
+// The rendition cached under `stem`, which `render` writes when it is not there yet.
+Rendition loadRendition(const std::filesystem::path& audioDir, const std::string& stem,
+                        const std::function<void(const std::filesystem::path&)>& render,
                         CatalogueLoadStats* stats) {
-  const std::string stem = stemOf(tone);
   const auto mp3 = audioDir / (stem + ".mp3");
   const auto duration = audioDir / (stem + ".duration-ms");
   // The duration file is written last, so its presence means both files are complete.
   if (!std::filesystem::exists(duration) || !std::filesystem::exists(mp3)) {
-    renderToneMp3(tone, mp3);
+    render(mp3);
     writeFileAtomically(duration, std::to_string(decodedDurationMs(mp3)));
     if (stats) ++stats->rendered;
   } else if (stats) {
@@ -118,6 +156,63 @@ Rendition loadRendition(const std::filesystem::path& audioDir, Tone tone,
   return Rendition{std::stoull(durationText), std::move(digest),
                    ChapterBytes::inMemory(std::move(bytes))};
 }
+
+Rendition loadToneRendition(const std::filesystem::path& audioDir, Tone tone,
+                            CatalogueLoadStats* stats) {
+  return loadRendition(
+      audioDir, stemOf(tone),
+      [tone](const std::filesystem::path& mp3) { renderToneMp3(tone, mp3); }, stats);
+}
+
+// Renders speech with espeak-ng, found once per load. When it is missing or fails, says so once
+// and gives up on speech for the rest of the load, so that the server starts with tones instead.
+class SpeechSource {
+ public:
+  SpeechSource(const std::filesystem::path& audioDir, CatalogueLoadStats* stats)
+      : audioDir_(audioDir), stats_(stats) {}
+
+  // None when the text cannot be spoken on this machine.
+  std::optional<Rendition> load(std::string_view text) {
+    const std::string stem = speechStem(text);
+    // A rendition made earlier serves even when espeak-ng has gone since.
+    const bool cached = std::filesystem::exists(audioDir_ / (stem + ".duration-ms"));
+    if (!cached && !espeak()) return std::nullopt;
+    try {
+      return loadRendition(
+          audioDir_, stem,
+          [this, text](const std::filesystem::path& mp3) { renderSpeechMp3(*espeak_, text, mp3); },
+          stats_);
+    } catch (const std::exception& e) {
+      giveUp(std::string("espeak-ng failed (") + e.what() + ")");
+      return std::nullopt;
+    }
+  }
+
+ private:
+  bool espeak() {
+    if (!searched_) {
+      searched_ = true;
+      espeak_ = findEspeak();
+      if (!espeak_) giveUp("espeak-ng is not installed");
+    }
+    return espeak_.has_value();
+  }
+
+  void giveUp(const std::string& why) {
+    espeak_.reset();
+    if (!warned_) {
+      std::fprintf(stderr, "sonorell-content-server: %s; book %s is rendered as tones\n",
+                   why.c_str(), std::string(kDemoBookID).c_str());
+    }
+    warned_ = true;
+  }
+
+  std::filesystem::path audioDir_;
+  CatalogueLoadStats* stats_;
+  bool searched_ = false;
+  bool warned_ = false;
+  std::optional<std::filesystem::path> espeak_;
+};
 
 // A long chapter's file: `frames` frames of a rendition, repeated. Its size and digest are kept
 // in a facts file written after it, so that a later start reads neither the audio nor hashes it.
@@ -232,19 +327,26 @@ Catalogue Catalogue::load(const std::filesystem::path& dataDir, CatalogueLoadSta
   const auto audioDir = dataDir / "audio";
   std::filesystem::create_directories(audioDir);
   std::vector<std::pair<Tone, Rendition>> renditions;
-  auto renditionFor = [&](Tone tone) -> const Rendition& {
+  auto toneFor = [&](Tone tone) -> const Rendition& {
     for (const auto& [t, r] : renditions) {
       if (t.frequencyHz == tone.frequencyHz && t.seconds == tone.seconds) return r;
     }
-    renditions.emplace_back(tone, loadRendition(audioDir, tone, stats));
+    renditions.emplace_back(tone, loadToneRendition(audioDir, tone, stats));
     return renditions.back().second;
+  };
+  SpeechSource speech(audioDir, stats);
+  auto renditionFor = [&](const ChapterSpec& c) -> Rendition {
+    if (!c.speech.empty()) {
+      if (auto spoken = speech.load(c.speech)) return std::move(*spoken);
+    }
+    return toneFor(c.tone);
   };
 
   Catalogue catalogue;
   for (BookSpec& entry : bookSpecs()) {
     Book book = std::move(entry.book);
     for (const ChapterSpec& c : entry.chapters) {
-      const Rendition& r = renditionFor(c.tone);
+      const Rendition r = renditionFor(c);
       Chapter chapter = c.frames == 0
                             ? Chapter{0, 0, r.durationMs, r.bytes->size(), r.sha256, {}, r.bytes}
                             : loadLongChapter(audioDir, c.tone, c.frames, r, stats);
@@ -268,7 +370,9 @@ const Book* Catalogue::book(std::string_view id) const {
 std::vector<std::string> Catalogue::shortBookIDs() const {
   std::vector<std::string> ids;
   for (const Book& b : books_) {
-    if (b.id != kLargeBookID && b.id != kTenMegabyteChapterBookID) ids.push_back(b.id);
+    if (b.id != kLargeBookID && b.id != kTenMegabyteChapterBookID && b.id != kDemoBookID) {
+      ids.push_back(b.id);
+    }
   }
   return ids;
 }

@@ -1,5 +1,6 @@
 // The audiobooks this server offers: a fixed, deterministic list of books whose chapters are MP3
-// tones that the server renders itself into a data directory the first time and reads back later.
+// tones, and one of speech, that the server renders itself into a data directory the first time
+// and reads back later.
 // Short chapters are held in memory; long ones stay in their files and are read on demand.
 // A Catalogue is immutable once loaded and may be read from any thread.
 #pragma once
@@ -21,6 +22,9 @@ inline constexpr std::string_view kTwoPartBookID = "1003";
 inline constexpr std::string_view kLargeBookID = "2001";
 // Twenty chapters of about 10 MB (some 22 minutes) each, served from files.
 inline constexpr std::string_view kTenMegabyteChapterBookID = "3001";
+// Three chapters of speech (some 15 to 30 seconds each) that espeak-ng reads from a public-domain
+// novel, for listening to; tones of about that length when espeak-ng is not installed.
+inline constexpr std::string_view kDemoBookID = "4001";
 
 // A chapter file's bytes: in memory, or read from the file in the data directory on demand (long
 // chapters, which would otherwise cost every process that starts a server hundreds of MB).
@@ -101,7 +105,7 @@ class Catalogue {
 
   const std::vector<Book>& books() const { return books_; }
   const Book* book(std::string_view id) const;
-  // Ids of the short books (seconds per chapter), in catalogue order.
+  // Ids of the short tone books (a few seconds per chapter), in catalogue order.
   std::vector<std::string> shortBookIDs() const;
 
  private:

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "admin_routes.h"
 #include "connection.h"
 #include "data_dir.h"
 #include "documents.h"
@@ -80,6 +81,7 @@ void ContentServer::start() {
   d.server->set_tcp_nodelay(true);
   d.state.stop.reset();
   installRoutes(*d.server, d.state);
+  if (d.options.admin) installAdminRoutes(*d.server, d.state);
 
   int bound = d.options.port == 0
                   ? d.server->bind_to_any_port(d.options.host)

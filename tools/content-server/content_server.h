@@ -28,6 +28,9 @@ struct ServerOptions {
   std::size_t workerThreads = 32;
   // How long a connection may sit idle between requests; stop() ends idle connections at once.
   std::chrono::seconds keepAliveTimeout{1};
+  // Also serve the /_admin/ endpoints (admin_routes.h), through which a test in another process
+  // sets faults and reads what was requested. Off: those paths are unknown, like any other.
+  bool admin = false;
 };
 
 struct StartupReport {

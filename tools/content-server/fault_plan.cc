@@ -22,6 +22,14 @@ std::string_view routeName(Route route) {
   return "unknown";
 }
 
+std::optional<Route> routeNamed(std::string_view name) {
+  for (Route route :
+       {Route::kMetadata, Route::kPlaylist, Route::kAudio, Route::kAnalytics, Route::kBlob}) {
+    if (routeName(route) == name) return route;
+  }
+  return std::nullopt;
+}
+
 Fault Fault::statusCode(int status) {
   Fault f;
   f.status = status;
@@ -111,6 +119,17 @@ void FaultPlan::remove(RuleId id) {
 void FaultPlan::clear() {
   std::lock_guard lock(mutex_);
   rules_.clear();
+}
+
+std::vector<FaultPlan::RuleId> FaultPlan::replace(std::vector<FaultRule> rules) {
+  std::lock_guard lock(mutex_);
+  rules_.clear();
+  std::vector<RuleId> ids;
+  for (FaultRule& r : rules) {
+    ids.push_back(nextId_++);
+    rules_.push_back(Rule{ids.back(), r.route, std::move(r.fault), r.trigger, std::move(r.path)});
+  }
+  return ids;
 }
 
 std::uint64_t FaultPlan::hits(RuleId id) const {

@@ -17,6 +17,8 @@ namespace sonorell::content {
 enum class Route { kMetadata, kPlaylist, kAudio, kAnalytics, kBlob };
 
 std::string_view routeName(Route route);
+// The route of that name ("metadata", "audio", ...), or none.
+std::optional<Route> routeNamed(std::string_view name);
 
 // What to do to one answer. Knobs combine; an unset knob leaves that aspect of the answer alone.
 struct Fault {
@@ -68,6 +70,14 @@ struct Trigger {
   static Trigger always();               // every request
 };
 
+// One rule of a plan given whole (see FaultPlan::replace).
+struct FaultRule {
+  Route route = Route::kMetadata;
+  Fault fault;
+  Trigger trigger;
+  std::optional<std::string> path;
+};
+
 class FaultPlan {
  public:
   using RuleId = std::uint64_t;
@@ -77,6 +87,9 @@ class FaultPlan {
              std::optional<std::string> path = std::nullopt);
   void remove(RuleId id);
   void clear();
+  // Swaps the whole plan for `rules` at once, so that no request sees half of each, and returns
+  // the new rules' ids in the same order. Their counts start from this moment.
+  std::vector<RuleId> replace(std::vector<FaultRule> rules);
   // How many requests the rule has hit so far.
   std::uint64_t hits(RuleId id) const;
 

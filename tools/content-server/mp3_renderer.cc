@@ -75,18 +75,15 @@ std::string quoted(const std::filesystem::path& path) {
   return out + "\"";
 }
 
-}  // namespace
-
-void renderToneMp3(Tone tone, const std::filesystem::path& path) {
+// Runs `source` (raw audio of any layout) through the catalogue's encoder into `path`, written
+// under a temporary name and renamed into place once complete.
+void encodeMp3(const std::string& source, const std::filesystem::path& path) {
   static std::atomic<unsigned> sequence{0};
   const auto temp =
       path.parent_path() / (path.filename().string() + ".tmp-" + std::to_string(::getpid()) + "-" +
                             std::to_string(sequence++));
-  const int buffers = tone.seconds * (static_cast<int>(kSampleRate) / kSamplesPerBuffer);
-  Pipeline p = parse("audiotestsrc wave=sine volume=0.4 freq=" + std::to_string(tone.frequencyHz) +
-                     " num-buffers=" + std::to_string(buffers) +
-                     " samplesperbuffer=" + std::to_string(kSamplesPerBuffer) +
-                     " ! audio/x-raw,format=S16LE,rate=" + std::to_string(kSampleRate) +
+  Pipeline p = parse(source + " ! audioconvert ! audioresample ! audio/x-raw,format=S16LE,rate=" +
+                     std::to_string(kSampleRate) +
                      ",channels=1 ! lamemp3enc target=bitrate cbr=true bitrate=64"
                      " ! filesink location=" +
                      quoted(temp));
@@ -98,6 +95,21 @@ void renderToneMp3(Tone tone, const std::filesystem::path& path) {
   }
   p.reset();  // closes the file before it is renamed
   std::filesystem::rename(temp, path);
+}
+
+}  // namespace
+
+void renderToneMp3(Tone tone, const std::filesystem::path& path) {
+  const int buffers = tone.seconds * (static_cast<int>(kSampleRate) / kSamplesPerBuffer);
+  encodeMp3("audiotestsrc wave=sine volume=0.4 freq=" + std::to_string(tone.frequencyHz) +
+                " num-buffers=" + std::to_string(buffers) +
+                " samplesperbuffer=" + std::to_string(kSamplesPerBuffer) +
+                " ! audio/x-raw,format=S16LE,rate=" + std::to_string(kSampleRate) + ",channels=1",
+            path);
+}
+
+void renderWavMp3(const std::filesystem::path& wav, const std::filesystem::path& path) {
+  encodeMp3("filesrc location=" + quoted(wav) + " ! wavparse", path);
 }
 
 std::uint64_t decodedDurationMs(const std::filesystem::path& path) {

@@ -1,7 +1,8 @@
-// Renders catalogue chapters with GStreamer: a sine tone encoded as CBR MP3 (44.1 kHz mono,
-// 64 kbit/s), byte-identical on every run, and measures a file's decoded duration. Long chapters
-// are made from a short rendition by repeating its frames, so that nobody encodes hours of audio.
-// Each call builds and runs its own pipeline or works on its arguments alone; safe from any thread.
+// Renders catalogue chapters with GStreamer: a sine tone or a WAV file encoded as CBR MP3
+// (44.1 kHz mono, 64 kbit/s), byte-identical on every run, and measures a file's decoded duration.
+// Long chapters are made from a short rendition by repeating its frames, so that nobody encodes
+// hours of audio. Each call builds and runs its own pipeline or works on its arguments alone; safe
+// from any thread.
 #pragma once
 
 #include <cstddef>
@@ -24,6 +25,8 @@ inline constexpr std::uint64_t kSampleRate = 44100;
 
 // Writes the MP3 to `path` atomically. Throws std::runtime_error when the pipeline fails.
 void renderToneMp3(Tone tone, const std::filesystem::path& path);
+// The same for the audio of a WAV file, resampled and mixed down as needed.
+void renderWavMp3(const std::filesystem::path& wav, const std::filesystem::path& path);
 
 // Duration of the audio that mpg123 decodes from the file, rounded to the millisecond.
 std::uint64_t decodedDurationMs(const std::filesystem::path& path);

@@ -72,7 +72,8 @@ Body Body::of(std::string text) {
 }
 
 void send(const httplib::Request& request, httplib::Response& response, Reply reply,
-          const std::optional<Fault>& fault, StopSignal& stop) {
+          const std::optional<Fault>& fault, StopSignal& stop, std::shared_ptr<SentResponse> sent) {
+  if (!sent) sent = std::make_shared<SentResponse>();
   const Fault none;
   const Fault& f = fault ? *fault : none;
   if (f.delay.count() > 0 && !stop.waitFor(f.delay)) {
@@ -88,6 +89,7 @@ void send(const httplib::Request& request, httplib::Response& response, Reply re
   applyReplacements(reply, f);
 
   response.status = reply.status;
+  sent->status = reply.status;
   for (const auto& [name, value] : reply.headers) response.set_header(name, value);
   const Body body = std::move(reply.body);
   if (body.size == 0 && !f.declaredLength) {
@@ -105,8 +107,8 @@ void send(const httplib::Request& request, httplib::Response& response, Reply re
 
   response.set_content_provider(
       declared, reply.contentType,
-      [body, limit, declared, pacing, req, &stop](std::size_t offset, std::size_t,
-                                                  httplib::DataSink& sink) {
+      [body, limit, declared, pacing, req, sent, &stop](std::size_t offset, std::size_t,
+                                                        httplib::DataSink& sink) {
         // Closing here, with the body short of what Content-Length promised, is the fault.
         if (offset >= limit) return false;
         std::uint64_t end = limit;
@@ -119,7 +121,14 @@ void send(const httplib::Request& request, httplib::Response& response, Reply re
         std::vector<char> buffer(std::min<std::uint64_t>(kChunk, end - offset));
         for (std::uint64_t at = offset; at < end;) {
           const std::size_t n = std::min<std::uint64_t>(buffer.size(), end - at);
-          if (!body.read(at, buffer.data(), n) || !sink.write(buffer.data(), n)) return false;
+          if (!body.read(at, buffer.data(), n)) return false;
+          // Counted before the write, so that a client holding the whole body never reads a
+          // smaller count; taken back when the write fails.
+          sent->bodyBytes += n;
+          if (!sink.write(buffer.data(), n)) {
+            sent->bodyBytes -= n;
+            return false;
+          }
           at += n;
         }
         if (pacing->bytesPerSecond > 0) {

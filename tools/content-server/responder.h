@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "fault_plan.h"
+#include "request_recorder.h"
 
 namespace sonorell::content {
 
@@ -55,7 +56,9 @@ struct Reply {
   Body body;
 };
 
+// `sent`, when given, learns the status and counts the body bytes as they go out.
 void send(const httplib::Request& request, httplib::Response& response, Reply reply,
-          const std::optional<Fault>& fault, StopSignal& stop);
+          const std::optional<Fault>& fault, StopSignal& stop,
+          std::shared_ptr<SentResponse> sent = nullptr);
 
 }  // namespace sonorell::content

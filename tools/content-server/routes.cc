@@ -26,7 +26,13 @@ std::optional<std::uint64_t> number(const std::string& text) {
   return value;
 }
 
-std::optional<Fault> begin(ServerState& state, Route route, const httplib::Request& req) {
+// One request on a route: the fault picked for it and where its answer is tallied.
+struct Exchange {
+  std::optional<Fault> fault;
+  std::shared_ptr<SentResponse> sent;
+};
+
+Exchange begin(ServerState& state, Route route, const httplib::Request& req) {
   RecordedRequest record{route, req.method, req.path, {}, req.body};
   for (const auto& [name, value] : req.headers) {
     // httplib adds the peer's address as pseudo-headers; they were never sent.
@@ -36,8 +42,14 @@ std::optional<Fault> begin(ServerState& state, Route route, const httplib::Reque
     }
     record.headers.emplace_back(name, value);
   }
+  auto sent = record.response;
   state.recorder.record(std::move(record));
-  return state.faults.pick(route, req.path);
+  return Exchange{state.faults.pick(route, req.path), std::move(sent)};
+}
+
+void finish(ServerState& state, const httplib::Request& req, httplib::Response& res, Reply reply,
+            const Exchange& exchange) {
+  send(req, res, std::move(reply), exchange.fault, state.stop, exchange.sent);
 }
 
 // SHA-256 of what the file serves, read a piece at a time (a changed chapter may be 10 MB).
@@ -72,12 +84,13 @@ std::optional<std::string_view> headerOf(const httplib::Request& req, const char
 
 void serveFile(ServerState& state, Route route, const httplib::Request& req,
                httplib::Response& res) {
-  const auto fault = begin(state, route, req);
+  const Exchange exchange = begin(state, route, req);
+  const auto& fault = exchange.fault;
   if (fault && fault->changeFile) state.versions.change(req.path);
   const auto file = servedFile(state, req.path);
   if (!file) {
-    send(req, res, errorReply(404, "No such file", "not_found", 4040, {{"path", "unknown"}}), fault,
-         state.stop);
+    finish(state, req, res,
+           errorReply(404, "No such file", "not_found", 4040, {{"path", "unknown"}}), exchange);
     return;
   }
   const RangeAnswer answer = fault && fault->ignoreRange
@@ -114,22 +127,23 @@ void serveFile(ServerState& state, Route route, const httplib::Request& req,
       reply.body = Body::of(std::string());
       break;
   }
-  send(req, res, std::move(reply), fault, state.stop);
+  finish(state, req, res, std::move(reply), exchange);
 }
 
 void serveMetadata(ServerState& state, const httplib::Request& req, httplib::Response& res) {
-  const auto fault = begin(state, Route::kMetadata, req);
+  const Exchange exchange = begin(state, Route::kMetadata, req);
   const Book* book = state.catalogue.book(req.matches[1].str());
   if (!book) {
-    send(req, res, errorReply(404, "Audiobook not found", "not_found", 4040, {{"id", "not_found"}}),
-         fault, state.stop);
+    finish(state, req, res,
+           errorReply(404, "Audiobook not found", "not_found", 4040, {{"id", "not_found"}}),
+           exchange);
     return;
   }
-  send(req, res, jsonReply(200, makeMetadataResponse(*book)), fault, state.stop);
+  finish(state, req, res, jsonReply(200, makeMetadataResponse(*book)), exchange);
 }
 
 void servePlaylist(ServerState& state, const httplib::Request& req, httplib::Response& res) {
-  const auto fault = begin(state, Route::kPlaylist, req);
+  const Exchange exchange = begin(state, Route::kPlaylist, req);
   auto reply = [&]() -> Reply {
     if (req.get_header_value("Session-Key").empty()) {
       return errorReply(401, "A session key is required", "unauthorized", 4011,
@@ -154,11 +168,11 @@ void servePlaylist(ServerState& state, const httplib::Request& req, httplib::Res
                          std::chrono::seconds(state.playlistLifetimeSeconds.load());
     return jsonReply(200, makePlaylistDocument(*book, state.baseURL, token, expires));
   }();
-  send(req, res, std::move(reply), fault, state.stop);
+  finish(state, req, res, std::move(reply), exchange);
 }
 
 void serveAnalytics(ServerState& state, const httplib::Request& req, httplib::Response& res) {
-  const auto fault = begin(state, Route::kAnalytics, req);
+  const Exchange exchange = begin(state, Route::kAnalytics, req);
   const auto body = nlohmann::json::parse(req.body, nullptr, false);
   std::vector<std::pair<std::string, std::string>> missing;
   if (body.is_discarded() || !body.is_object()) {
@@ -174,13 +188,13 @@ void serveAnalytics(ServerState& state, const httplib::Request& req, httplib::Re
     require("sonorell", &nlohmann::json::is_object);
   }
   if (!missing.empty()) {
-    send(req, res,
-         errorReply(400, "The analytics body is incomplete", "invalid_request", 4000,
-                    std::move(missing)),
-         fault, state.stop);
+    finish(state, req, res,
+           errorReply(400, "The analytics body is incomplete", "invalid_request", 4000,
+                      std::move(missing)),
+           exchange);
     return;
   }
-  send(req, res, Reply{204, "application/json", {}, Body::of(std::string())}, fault, state.stop);
+  finish(state, req, res, Reply{204, "application/json", {}, Body::of(std::string())}, exchange);
 }
 
 }  // namespace

@@ -1,12 +1,11 @@
 // The catalogue's audio: rendered the same way every time, and real MP3 that GStreamer decodes
 // to the durations the metadata states, the long chapters made of repeated frames included.
-#include <gst/gst.h>
-
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
 
 #include "data_dir.h"
+#include "mp3_decode.h"
 #include "server_fixture.h"
 #include "sha256.h"
 
@@ -18,42 +17,6 @@ std::filesystem::path freshDir(const std::string& name) {
                    ("sonorell-catalogue-" + name + "-" + std::to_string(::getpid()));
   std::filesystem::remove_all(dir);
   return dir;
-}
-
-// Plays the file through mpg123 to the end and counts the samples it decodes: the duration in
-// ms, or -1 when it does not decode.
-std::int64_t decodedMs(const std::filesystem::path& file) {
-  gst_init(nullptr, nullptr);
-  GError* error = nullptr;
-  GstElement* pipeline = gst_parse_launch(
-      ("filesrc location=\"" + file.string() +
-       "\" ! mpegaudioparse ! mpg123audiodec ! audioconvert ! audio/x-raw,format=S16LE,channels=1"
-       " ! fakesink name=sink sync=false signal-handoffs=true")
-          .c_str(),
-      &error);
-  if (error) {
-    ADD_FAILURE() << error->message;
-    g_error_free(error);
-    return -1;
-  }
-  std::uint64_t bytes = 0;
-  GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "sink");
-  g_signal_connect(sink, "handoff",
-                   G_CALLBACK(+[](GstElement*, GstBuffer* buffer, GstPad*, gpointer total) {
-                     *static_cast<std::uint64_t*>(total) += gst_buffer_get_size(buffer);
-                   }),
-                   &bytes);
-  gst_object_unref(sink);
-  gst_element_set_state(pipeline, GST_STATE_PLAYING);
-  GstBus* bus = gst_element_get_bus(pipeline);
-  GstMessage* msg = gst_bus_timed_pop_filtered(
-      bus, 60 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
-  const bool ended = msg && GST_MESSAGE_TYPE(msg) == GST_MESSAGE_EOS;
-  if (msg) gst_message_unref(msg);
-  gst_object_unref(bus);
-  gst_element_set_state(pipeline, GST_STATE_NULL);
-  gst_object_unref(pipeline);
-  return ended && bytes > 0 ? static_cast<std::int64_t>(bytes / 2 * 1000 / 44100) : -1;
 }
 
 // Reads an MPEG-1 Layer III mono stream the way a decoder lays it out: every frame header is
