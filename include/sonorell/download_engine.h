@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "sonorell/download_report.h"
 #include "sonorell/download_request.h"
 #include "sonorell/export.h"
 
@@ -77,6 +78,9 @@ class SONORELL_EXPORT QSODownloadEngine {
                                  uint64_t chapterNumber);
   float percentageForAudiobookID(const std::string& audiobookID);
 
+  // Status, percentage and bytes of the audiobook and, when `withChapters`, of each chapter.
+  QSOAudiobookDownloadReport reportForAudiobookID(const std::string& audiobookID,
+                                                  bool withChapters = true);
   std::vector<std::string> localAudiobookIDs();
   std::vector<std::string> localAudiobookIDsForStatus(uint64_t status);
   // The requests stored and not yet finished, failed, paused or cancelled.
@@ -87,6 +91,9 @@ class SONORELL_EXPORT QSODownloadEngine {
   void addCompletionHandler(std::function<void()> handler, const std::string& sessionIdentifier);
   void callCompletionHandlerForSession(const std::string& sessionIdentifier);
 
+  // Waits until every command called before this has run and the notifications it posted have
+  // reached their observers. Not to be called from an observer or a completion handler.
+  void waitUntilCommandsHaveRun();
   // Takes up the requests an earlier run left stored (run by start-up verification).
   void restartOldRequests();
 

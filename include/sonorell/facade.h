@@ -47,6 +47,10 @@ class SONORELL_EXPORT QSOSonorell {
   void willEnterForeground();
   // Completes the open listen event and waits up to 2 seconds for it to reach the archive.
   void willTerminate();
+  // Completes the open listen event and posts every waiting one to the analytics service now
+  // rather than on the poster's timer; waits (at most `limit`) for the answers. False when the
+  // limit passed first or events are still waiting (the service refused them, say).
+  bool flushListeningEvents(std::chrono::milliseconds limit);
 
  private:
   friend class EngineComposition;

@@ -5,6 +5,7 @@
 #include "sonorell/audiobook.h"
 #include "sonorell/chapter_description.h"
 #include "sonorell/download_engine.h"
+#include "sonorell/download_report.h"
 #include "sonorell/download_request.h"
 #include "sonorell/download_status.h"
 #include "sonorell/error.h"

@@ -172,6 +172,12 @@ bool QLListenEventPoster::waitForNetworking(std::chrono::milliseconds timeout) {
   return networkingEventGroup_->wait(timeout);
 }
 
+size_t QLListenEventPoster::waitingEventCount() {
+  size_t count = 0;
+  readWriteQueue_->sync([&] { count = eventQueue_.size(); });
+  return count;
+}
+
 std::vector<QLListenEventPtr> QLListenEventPoster::eventQueueForTesting() {
   std::vector<QLListenEventPtr> events;
   readWriteQueue_->sync([&] {

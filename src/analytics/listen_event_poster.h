@@ -48,6 +48,8 @@ class QLListenEventPoster : public std::enable_shared_from_this<QLListenEventPos
   // Waits (real time) for flushes, including their requests' completions.
   bool waitForNetworking(std::chrono::milliseconds timeout);
 
+  // Events queued and not yet accepted by the service.
+  size_t waitingEventCount();
   std::vector<QLListenEventPtr> eventQueueForTesting();
   size_t processingRequestCountForTesting();
 

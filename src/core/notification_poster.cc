@@ -58,6 +58,10 @@ std::shared_ptr<QSONotificationPoster> QSONotificationPoster::sharedPoster() {
   return poster;
 }
 
+void QSONotificationPoster::waitForPosted() {
+  if (auto queue = queue_.load()) queue->sync([] {});
+}
+
 void QSONotificationPoster::postNotificationWithName(std::string_view name,
                                                      std::optional<Dictionary> userInfo) {
   std::weak_ptr<QSONotificationPoster> weakSelf = weak_from_this();

@@ -30,6 +30,8 @@ class QSONotificationPoster : public std::enable_shared_from_this<QSONotificatio
                                 std::optional<Dictionary> userInfo = std::nullopt);
   // Runs the block asynchronously on the queue, or at once when there is no queue.
   static void runOnQueue(const std::shared_ptr<DispatchQueue>& queue, std::function<void()> block);
+  // Returns once the notifications posted before the call have been delivered.
+  void waitForPosted();
   // From now on every notification is posted synchronously on the caller's thread.
   void disableDispatch();
 

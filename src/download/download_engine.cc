@@ -2,6 +2,7 @@
 #include "sonorell/download_engine.h"
 
 #include "core/error_descriptions.h"
+#include "core/notification_poster.h"
 #include "download/download_engine_core.h"
 #include "persistence/audiobook_status.h"
 #include "persistence/download_request_store.h"
@@ -72,6 +73,10 @@ void QSODownloadEngine::addCompletionHandler(std::function<void()> handler,
 }
 void QSODownloadEngine::callCompletionHandlerForSession(const std::string& sessionIdentifier) {
   core_->callCompletionHandlerForSession(sessionIdentifier);
+}
+void QSODownloadEngine::waitUntilCommandsHaveRun() {
+  core_->waitForInputQueue();
+  QSONotificationPoster::sharedPoster()->waitForPosted();
 }
 void QSODownloadEngine::restartOldRequests() { core_->restartOldRequests(); }
 std::shared_ptr<QSOStateLock> QSODownloadEngine::stateLockForAudiobookID(

@@ -63,6 +63,10 @@ void DownloadEngineCore::runOnInputQueue(std::function<void(DownloadEngineCore&)
 
 void DownloadEngineCore::disableDispatch() { userInputQueue_.store(nullptr); }
 
+void DownloadEngineCore::waitForInputQueue() {
+  if (auto queue = userInputQueue_.load()) queue->sync([] {});
+}
+
 std::shared_ptr<QSOStateLock> DownloadEngineCore::stateLockForAudiobookID(
     const std::string& audiobookID) {
   std::shared_ptr<QSOStateLock> lock;

@@ -63,6 +63,8 @@ class DownloadEngineCore : public std::enable_shared_from_this<DownloadEngineCor
   void restartOldRequests();
   std::shared_ptr<QSOStateLock> stateLockForAudiobookID(const std::string& audiobookID);
   void disableDispatch();
+  // Returns once the commands queued before the call have run.
+  void waitForInputQueue();
 
   // For the audio tasks.
   void fetchAudiobookMetadataForID(const std::string& audiobookID, const std::string& sessionKey,

@@ -97,4 +97,13 @@ void QSOSonorell::willEnterForeground() {
 
 void QSOSonorell::willTerminate() { QLListenEventHandler::applicationWillTerminate(); }
 
+bool QSOSonorell::flushListeningEvents(std::chrono::milliseconds limit) {
+  auto handler = QLListenEventHandler::sharedHandler();
+  const auto& poster = handler->eventPoster();
+  // The archive write of the event completed here must land before the flush reads the queue.
+  handler->flushListenEventQueue();
+  if (!poster->waitForReadWrite(limit) || !poster->waitForNetworking(limit)) return false;
+  return poster->waitingEventCount() == 0;
+}
+
 }  // namespace sonorell
