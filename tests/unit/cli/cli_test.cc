@@ -7,7 +7,9 @@
 #include <filesystem>
 #include <map>
 
+#include "data_dir.h"
 #include "processes.h"
+#include "server_process.h"
 #include "support/temp_library.h"
 
 namespace sonorell::cli::testing {
@@ -20,13 +22,30 @@ constexpr const char* kBook = "1001";  // three short chapters
 class CLI : public ::testing::Test {
  protected:
   // The machine's shared data directory: chapters rendered once serve every test process.
-  static void SetUpTestSuite() { server_ = new ServerProcess(""); }
-  static void TearDownTestSuite() { delete server_; }
-  void SetUp() override { ASSERT_EQ(server_->admin("DELETE", "/_admin/faults").first, 200); }
+  static void SetUpTestSuite() {
+    server_ = new content::testing::ServerProcess(content::defaultDataDir(), {"--admin"});
+  }
+  static void TearDownTestSuite() {
+    EXPECT_EQ(server_->terminate(), "exit 0");
+    delete server_;
+  }
+  void SetUp() override {
+    ASSERT_FALSE(server_->baseURL().empty()) << server_->stderrText();
+    ASSERT_EQ(admin("DELETE", "/_admin/faults").first, 200);
+  }
+
+  // An admin endpoint's status and JSON answer.
+  static std::pair<long, nlohmann::json> admin(const std::string& method, const std::string& path,
+                                               const nlohmann::json& body = nullptr) {
+    const auto answer = server_->request(
+        method, path, body.is_null() ? std::nullopt : std::optional<std::string>(body.dump()),
+        {"Content-Type: application/json"});
+    return {answer.status, nlohmann::json::parse(answer.body, nullptr, false)};
+  }
 
   std::map<std::string, std::string> environment() const {
     return {{"SONORELL_API_BASE_URL", server_->baseURL()},
-            {"SONORELL_CA_FILE", server_->caCertificate()},
+            {"SONORELL_CA_FILE", server_->ready().value("caCertificate", "")},
             {"SONORELL_SESSION_KEY", "cli-session"},
             {"SONORELL_LICENSE_ID", "cli-license"},
             {"SONORELL_AUDIO_SINK", "fakesink"}};
@@ -39,18 +58,18 @@ class CLI : public ::testing::Test {
     return runCommand(SONORELL_CLI, arguments, all);
   }
   nlohmann::json catalogueBook(const std::string& id) const {
-    const auto catalogue = server_->admin("GET", "/_admin/catalogue").second;
+    const auto catalogue = admin("GET", "/_admin/catalogue").second;
     for (const auto& book : catalogue.at("books")) {
       if (book.at("id") == id) return book;
     }
     return nullptr;
   }
 
-  static ServerProcess* server_;
+  static content::testing::ServerProcess* server_;
   sonorell::testing::TempLibrary library_;
 };
 
-ServerProcess* CLI::server_ = nullptr;
+content::testing::ServerProcess* CLI::server_ = nullptr;
 
 std::vector<std::string> eventNames(const std::vector<nlohmann::json>& lines) {
   std::vector<std::string> names;
@@ -146,7 +165,7 @@ TEST_F(CLI, DownloadsABookWithOrderedEventsThenStatusMatchesTheCatalogueAndItPla
 TEST_F(CLI, AChapterAnswering404FailsTheDownloadWith11004OnStandardErrorAndInTheJSON) {
   const auto book = catalogueBook(kBook);
   const std::string path = book.at("chapters")[1].at("path");
-  const auto [status, ids] = server_->admin(
+  const auto [status, ids] = admin(
       "PUT", "/_admin/faults",
       {{"rules",
         {{{"route", "audio"}, {"path", path}, {"count", nullptr}, {"fault", {{"status", 404}}}}}}});
@@ -184,14 +203,12 @@ TEST_F(CLI, BadUsageExitsWithTwoAndSaysWhy) {
 
 TEST_F(CLI, OnATerminalDownloadDrawsProgressBarsAndPlayAnswersSpaceAndQ) {
   // Paced, so that chapters are seen in flight.
-  ASSERT_EQ(server_
-                ->admin("PUT", "/_admin/faults",
-                        {{"rules",
-                          {{{"route", "audio"},
-                            {"count", nullptr},
-                            {"fault", {{"bytesPerSecond", 40'000}}}}}}})
-                .first,
-            200);
+  ASSERT_EQ(
+      admin("PUT", "/_admin/faults",
+            {{"rules",
+              {{{"route", "audio"}, {"count", nullptr}, {"fault", {{"bytesPerSecond", 40'000}}}}}}})
+          .first,
+      200);
   auto env = environment();
   auto download = PtyProcess::start(
       SONORELL_CLI, {"--library", library_.path().string(), "download", kBook}, env);

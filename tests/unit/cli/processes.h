@@ -1,7 +1,6 @@
-// The programs under test as other programs see them: the sonorell CLI run to completion with
-// its output captured, or under a pseudo-terminal for the interactive paths; and the reference
-// server binary started with --admin --print-ready and driven through its admin endpoints.
-// Each object is used from the test's thread only.
+// The sonorell CLI as other programs see it: run to completion with its output captured, or
+// under a pseudo-terminal for the interactive paths. Used from the test's thread only. (The
+// server binary is run by the content server tests' ServerProcess.)
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -52,24 +51,6 @@ class PtyProcess {
   int fd_;
   bool exited_ = false;
   std::string output_;
-};
-
-// sonorell-content-server on an ephemeral loopback port with its admin endpoints.
-class ServerProcess {
- public:
-  // An empty `dataDir`: the server's default, shared by the machine.
-  explicit ServerProcess(const std::string& dataDir);
-  ~ServerProcess();  // SIGTERM, then waits
-  const std::string& baseURL() const { return baseURL_; }
-  const std::string& caCertificate() const { return caCertificate_; }
-  // The admin endpoints; the answer's status and body.
-  std::pair<long, nlohmann::json> admin(const std::string& method, const std::string& path,
-                                        const nlohmann::json& body = nullptr) const;
-
- private:
-  int pid_ = -1;
-  std::string baseURL_;
-  std::string caCertificate_;
 };
 
 }  // namespace sonorell::cli::testing
