@@ -34,6 +34,17 @@ class CLI : public ::testing::Test {
     ASSERT_EQ(admin("DELETE", "/_admin/faults").first, 200);
   }
 
+  // Chapter bytes paced to this rate from now on.
+  static void paceAudio(uint64_t bytesPerSecond) {
+    ASSERT_EQ(admin("PUT", "/_admin/faults",
+                    {{"rules",
+                      {{{"route", "audio"},
+                        {"count", nullptr},
+                        {"fault", {{"bytesPerSecond", bytesPerSecond}}}}}}})
+                  .first,
+              200);
+  }
+
   // An admin endpoint's status and JSON answer.
   static std::pair<long, nlohmann::json> admin(const std::string& method, const std::string& path,
                                                const nlohmann::json& body = nullptr) {
@@ -201,14 +212,28 @@ TEST_F(CLI, BadUsageExitsWithTwoAndSaysWhy) {
   }
 }
 
+TEST_F(CLI, OnATerminalCtrlCPausesTheDownloadSoNothingIsLeftToResume) {
+  paceAudio(2'000);  // far too slow to finish while the test looks
+  auto download = PtyProcess::start(
+      SONORELL_CLI, {"--library", library_.path().string(), "download", kBook}, environment());
+  ASSERT_TRUE(download->waitForText("part 0 ch")) << download->output();
+  download->type("\x03");  // the terminal's interrupt character: SIGINT
+  EXPECT_EQ(download->wait(), 1) << download->output();
+  EXPECT_NE(download->output().find("QSODownloadRequestPaused"), std::string::npos)
+      << download->output();
+  EXPECT_NE(download->output().find("error 16000"), std::string::npos) << download->output();
+
+  // The request was forgotten: a later run has nothing to take up, and no chapter is complete.
+  const auto resume = sonorell({"resume", "--json"});
+  EXPECT_EQ(resume.exitCode, 0) << resume.err;
+  EXPECT_EQ(resume.out.find("QSODownloadRequestSuccess"), std::string::npos) << resume.out;
+  const auto status = sonorell({"status", kBook, "--json"}).jsonLines();
+  ASSERT_FALSE(status.empty());
+  EXPECT_NE(status.front().at("statusName"), "Downloaded");
+}
+
 TEST_F(CLI, OnATerminalDownloadDrawsProgressBarsAndPlayAnswersSpaceAndQ) {
-  // Paced, so that chapters are seen in flight.
-  ASSERT_EQ(
-      admin("PUT", "/_admin/faults",
-            {{"rules",
-              {{{"route", "audio"}, {"count", nullptr}, {"fault", {{"bytesPerSecond", 40'000}}}}}}})
-          .first,
-      200);
+  paceAudio(40'000);  // so that chapters are seen in flight
   auto env = environment();
   auto download = PtyProcess::start(
       SONORELL_CLI, {"--library", library_.path().string(), "download", kBook}, env);
