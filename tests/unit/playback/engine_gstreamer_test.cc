@@ -118,17 +118,23 @@ TEST_F(EngineOnGStreamer, ABookNotDownloadedPlaysStreamedToItsEnd) {
 
 TEST_F(EngineOnGStreamer, ASeekWhilePausedStaysThereAndDoubleSpeedKeepsThePitch) {
   auto& engine = gstEngine();
-  engine.playForAudiobookID("1001", 0, 3, 0, "session", "license-1001");
+  // Chapter 2 (3 s) and then 3 (4 s): at double speed some 3 s of playing to look at the player
+  // in, even on a loaded machine.
+  engine.playForAudiobookID("1001", 0, 2, 0, "session", "license-1001");
   ASSERT_TRUE(waitForCount(QSOPlaybackChapterStartedNotification, 1));
   // The seek to the start offset that came with the load has answered: the next answer is ours.
   ASSERT_TRUE(waitForCount(QSOPlaybackChapterOffsetCompletedNotification, 1));
   engine.pause();
   ASSERT_TRUE(waitForCount(QSOPlaybackChapterPausedNotification, 1));
   const auto seeks = count(QSOPlaybackChapterOffsetCompletedNotification);
-  engine.setCurrentOffset(2);
+  const auto ticksBeforeSeek = count(QSOPlaybackProgressUpdateNotification);
+  engine.setCurrentOffset(1);
   ASSERT_TRUE(waitForCount(QSOPlaybackChapterOffsetCompletedNotification, seeks + 1));
-  EXPECT_EQ(engine.currentOffset(), 2u);
+  EXPECT_EQ(engine.currentOffset(), 1u);
   EXPECT_EQ(engine.playerStatus(), QSOPlayerStatusPaused);
+  ASSERT_TRUE(player() && player()->currentItem());
+  // The item keeps speech at its pitch; the backend's tests measure that it does.
+  EXPECT_EQ(player()->currentItem()->audioTimePitchAlgorithm(), TimePitchAlgorithm::TimeDomain);
 
   engine.setCurrentRate(2.0f);
   engine.resume();
@@ -139,14 +145,12 @@ TEST_F(EngineOnGStreamer, ASeekWhilePausedStaysThereAndDoubleSpeedKeepsThePitch)
                 .asDouble(),
             2.0);
   ASSERT_TRUE(player() && player()->currentItem());
-  // The item keeps speech at its pitch; the backend's tests measure that it does.
-  EXPECT_EQ(player()->currentItem()->audioTimePitchAlgorithm(), TimePitchAlgorithm::TimeDomain);
   EXPECT_FLOAT_EQ(player()->rate(), 2.0f);
   ASSERT_TRUE(waitForCount(QSOPlaybackAudiobookCompleteNotification, 1));
-  // The progress after the seek went on from 2 s.
-  auto reports = postedNamed(QSOPlaybackProgressUpdateNotification);
-  ASSERT_FALSE(reports.empty());
-  EXPECT_GE(reports.back().info.at(std::string(QSOCurrentOffsetUserInfoKey)).asUInt(), 2u);
+  // The first tick after the seek came from 1 s on, not from where the chapter was paused.
+  const auto ticks = postedNamed(QSOPlaybackProgressUpdateNotification);
+  ASSERT_GT(ticks.size(), ticksBeforeSeek);
+  EXPECT_GE(ticks[ticksBeforeSeek].info.at(std::string(QSOCurrentOffsetUserInfoKey)).asUInt(), 1u);
   EXPECT_TRUE(postedNamed(QSOPlaybackChapterFailedNotification).empty());
 }
 
