@@ -6,7 +6,9 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <limits>
+#include <thread>
 
 namespace sonorell::cli {
 
@@ -31,8 +33,6 @@ std::FILE* out() { return gOut; }
 namespace {
 constexpr int64_t kNoError = std::numeric_limits<int64_t>::max();
 
-extern "C" void onInterrupt(int) { gInterrupted.store(true); }
-
 nlohmann::json errorJSON(const Error& error) {
   nlohmann::json out{{"domain", error.domain}, {"code", error.code}};
   if (auto it = error.userInfo.find(kLocalizedDescriptionKey); it != error.userInfo.end()) {
@@ -46,11 +46,21 @@ nlohmann::json errorJSON(const Error& error) {
 }  // namespace
 
 void installInterruptHandler() {
-  struct sigaction action {};
-  action.sa_handler = onInterrupt;
-  sigemptyset(&action.sa_mask);
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
+  // Blocked in this thread before any other exists, so every thread the engine starts inherits
+  // the mask: the signals reach only the waiting thread below, and no engine call sees EINTR.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  std::thread([signals] {
+    for (;;) {
+      int received = 0;
+      if (sigwait(&signals, &received) != 0) continue;
+      // A second interrupt while the first is being handled ends the process at once.
+      if (gInterrupted.exchange(true)) std::_Exit(130);
+    }
+  }).detach();
 }
 
 std::optional<Failure> failureIn(const Notification& notification) {

@@ -49,7 +49,8 @@ class Progress {
   ProgressView view_;
 };
 
-// Pauses the requests still running after Ctrl-C and waits for the engine to say so.
+// Pauses the requests still running after Ctrl-C and waits for the engine to say so (a pause
+// reports the request cancelled first, then paused).
 void pauseOnInterrupt(Session& session, const std::vector<std::string>& requests) {
   session.line("interrupted: pausing");
   auto engine = session.engine()->downloadEngine();
@@ -59,7 +60,9 @@ void pauseOnInterrupt(Session& session, const std::vector<std::string>& requests
       [&](const std::vector<Notification>& events) {
         return std::all_of(requests.begin(), requests.end(), [&](const std::string& id) {
           return std::any_of(events.begin(), events.end(), [&](const Notification& n) {
-            return isRequestEnd(n.name) && requestOf(n) == id;
+            return requestOf(n) == id && (n.name == QSODownloadRequestPausedNotification ||
+                                          n.name == QSODownloadRequestSuccessNotification ||
+                                          n.name == QSODownloadRequestFailedNotification);
           });
         });
       },

@@ -165,4 +165,12 @@ int run(int argc, char** argv) {
 
 }  // namespace sonorell::cli
 
-int main(int argc, char** argv) { return sonorell::cli::run(argc, argv); }
+int main(int argc, char** argv) {
+  const int code = sonorell::cli::run(argc, argv);
+  // Every command has waited for what it started. The engine's threads are still parked in
+  // their queues, though, and must not watch the process's static objects being destroyed.
+  std::fflush(sonorell::cli::out());
+  std::fflush(stdout);
+  std::fflush(stderr);
+  std::_Exit(code);
+}
