@@ -77,7 +77,11 @@ void PlaybackEngineCore::removePlayerObservers() {
 
 void PlaybackEngineCore::addItemObservers(const ItemPtr& item) {
   if (!item) return;
-  removeItemObservers(item);
+  {
+    // Observed from its insertion on: re-registering would drop an event sent in between.
+    std::lock_guard lock(mutex_);
+    if (itemObservers_.count(item) != 0) return;
+  }
   std::weak_ptr<PlaybackEngineCore> weak = weak_from_this();
   std::weak_ptr<PlayerItem> weakItem = item;
   std::vector<ObservationToken> tokens;

@@ -257,8 +257,11 @@ bool PlaybackEngineCore::appendToPlayer(const std::shared_ptr<QueuePlayer>& play
       std::lock_guard lock(mutex_);
       playerItemList_.push_back(item);
     }
+    // Before the item can play: a short chapter may end before it is reported current.
+    addItemObservers(item);
     inserted = player->insertItem(item, nullptr);
   });
+  if (!inserted) removeItemObservers(item);
   return inserted;
 }
 
@@ -514,6 +517,7 @@ void PlaybackEngineCore::doPreviousChapter() {
       std::lock_guard lock(mutex_);
       playerItemList_.push_back(item);
     }
+    addItemObservers(item);
     player->insertItem(item, nullptr);
     // The player's own report of this change is not wanted: the engine reports it below.
     removePlayerObservers();

@@ -156,7 +156,7 @@ TEST_F(CLI, DownloadsABookWithOrderedEventsThenStatusMatchesTheCatalogueAndItPla
   EXPECT_FALSE(listed[0].contains("chapters"));
 
   const auto play = sonorell({"play", kBook, "--until-end", "--json"});
-  ASSERT_EQ(play.exitCode, 0) << play.err;
+  ASSERT_EQ(play.exitCode, 0) << play.err << play.out;
   const auto played = play.jsonLines();
   const auto complete = indexOf(played, "QSOAudiobookPlaybackComplete");
   ASSERT_NE(complete, std::string::npos) << play.out;

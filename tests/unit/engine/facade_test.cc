@@ -12,6 +12,7 @@
 
 #include "core/service_urls.h"
 #include "persistence/filesystem_helper.h"
+#include "platform/dispatch/dispatch_queue.h"
 #include "platform/foundation/process_activity.h"
 #include "platform/services.h"
 #include "sonorell/audio_session.h"
@@ -74,6 +75,8 @@ TEST_F(FacadeTest, DidFinishLaunchingSetsUpOnce) {
   EXPECT_TRUE(fs::is_directory(FilesystemHelper::supportDirectory()));
 
   QSOLogEngine::setLogger(hostLog);
+  // Start-up verification runs on its own queue and writes the database: let it finish first.
+  ASSERT_TRUE(DispatchQueue::waitUntilAllIdle(std::chrono::seconds(20)));
   fs::remove_all(FilesystemHelper::supportDirectory());
   std::thread other([&] { engine->didFinishLaunching(); });
   engine->didFinishLaunching();
