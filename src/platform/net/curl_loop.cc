@@ -161,6 +161,7 @@ struct CurlLoop::State {
   Entries incoming;             // guarded by mutex
   std::vector<uint64_t> stops;  // guarded by mutex
   bool stopping = false;        // guarded by mutex
+  bool abandoned = false;       // guarded by mutex; the process is exiting: end, finish nothing
   uint64_t nextId = 1;          // guarded by mutex
   // Made before the thread starts and cleaned up after it ends; curl_multi_wakeup may be called
   // on it from any thread.
@@ -230,6 +231,7 @@ struct CurlLoop::State {
       std::vector<uint64_t> stopList;
       {
         std::lock_guard lock(mutex);
+        if (abandoned) return;  // jobs and handles are left to the process's end
         if (stopping) break;
         added.swap(incoming);
         stopList.swap(stops);
@@ -310,7 +312,26 @@ void CurlLoop::stop(uint64_t id) {
 }
 
 std::shared_ptr<CurlLoop> CurlLoop::shared() {
-  static const auto* loop = new std::shared_ptr<CurlLoop>(create());
+  static std::shared_ptr<CurlLoop>* loop = nullptr;
+  static std::once_flag once;
+  std::call_once(once, [] {
+    loop = new std::shared_ptr<CurlLoop>(create());
+    // The shared loop lives as long as the process, but its thread must be out of libcurl
+    // before the TLS library's exit handler (registered before this one, so run after it)
+    // frees what the thread may be using. Jobs still running are not finished: no callback
+    // into a process that is going away.
+    std::atexit([] {
+      const auto& state = (*loop)->state_;
+      {
+        std::lock_guard lock(state->mutex);
+        state->abandoned = true;
+      }
+      state->wake();
+      if (state->thread.joinable() && state->thread.get_id() != std::this_thread::get_id()) {
+        state->thread.join();
+      }
+    });
+  });
   return *loop;
 }
 
