@@ -1,7 +1,8 @@
 // pause, cancel and delete: the engine's commands on what it has stored, run without launching
 // the engine (which would restart stored requests only to stop them again). Each waits until
 // its commands have run and their notifications are printed.
-#include <algorithm>
+#include <string>
+#include <vector>
 
 #include "commands.h"
 
@@ -17,18 +18,24 @@ int finishCommands(Session& session, const std::string& command) {
 
 bool chapterGiven(const ChapterChoice& at) { return at.part.has_value(); }
 
+// The book's requests an earlier run stored: acting on them here forgets them, so no later
+// run takes them up again.
+std::vector<std::string> storedRequests(QSODownloadEngine& engine, const std::string& book) {
+  std::vector<std::string> ids;
+  for (const auto& request : engine.currentDownloadRequests()) {
+    if (request.audiobookID() == book) ids.push_back(request.requestIdentifier());
+  }
+  return ids;
+}
+
 }  // namespace
 
 int runPause(Session& session, const std::string& book) {
   session.setFilter([book](const Notification& n) { return audiobookOf(n) == book; });
   session.configureEngine();
   auto engine = session.engine()->downloadEngine();
-  // A request stored by another run: pausing it here forgets it, so no later run resumes it.
-  for (const auto& request : engine->currentDownloadRequests()) {
-    if (request.audiobookID() == book) {
-      engine->pauseDownloadForRequestIdentifier(request.requestIdentifier());
-    }
-  }
+  for (const auto& id : storedRequests(*engine, book))
+    engine->pauseDownloadForRequestIdentifier(id);
   engine->pauseForAudiobookID(book);
   return finishCommands(session, "pause");
 }
@@ -43,10 +50,8 @@ int runCancel(Session& session, const std::string& book, const ChapterChoice& at
   if (chapterGiven(at)) {
     engine->cancelForAudiobookID(book, *at.part, *at.chapter);
   } else {
-    for (const auto& request : engine->currentDownloadRequests()) {
-      if (request.audiobookID() == book) {
-        engine->cancelDownloadForRequestIdentifier(request.requestIdentifier());
-      }
+    for (const auto& id : storedRequests(*engine, book)) {
+      engine->cancelDownloadForRequestIdentifier(id);
     }
     engine->cancelForAudiobookID(book);
   }
@@ -68,10 +73,8 @@ int runDelete(Session& session, const std::string& book, const ChapterChoice& at
   } else if (chapterGiven(at)) {
     engine->deleteForAudiobookID(book, *at.part, *at.chapter);
   } else {
-    for (const auto& request : engine->currentDownloadRequests()) {
-      if (request.audiobookID() == book) {
-        engine->cancelDownloadForRequestIdentifier(request.requestIdentifier());
-      }
+    for (const auto& id : storedRequests(*engine, book)) {
+      engine->cancelDownloadForRequestIdentifier(id);
     }
     engine->deleteForAudiobookID(book);
   }
