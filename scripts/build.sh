@@ -19,6 +19,8 @@ esac
 jobs=${SONORELL_JOBS:-$(nproc)}
 # A rebuild on the same machine recompiles only what changed.
 if command -v ccache >/dev/null; then
+  # Paths relative to the checkout, so build directories side by side share cached objects.
+  export CCACHE_BASEDIR="$PWD"
   args+=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 fi
 cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "${args[@]}" >/dev/null

@@ -13,6 +13,10 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   curl openssl ccache
   espeak-ng  # the reference server reads its demo book aloud with it
+  clang libclang-rt-14-dev  # the fuzz targets (libFuzzer)
+  iproute2  # the metered-network test's namespace
+  pulseaudio pulseaudio-utils libpulse-dev dbus-daemon  # the audio session and MPRIS tests
+  doxygen dpkg-dev  # the API reference and the Debian package
 )
 
 missing=()
