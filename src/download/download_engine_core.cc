@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <set>
 
 #include "core/error_descriptions.h"
 #include "core/error_transformer.h"
@@ -283,7 +284,9 @@ void DownloadEngineCore::callCompletionHandlerForSession(const std::string& sess
 
 void DownloadEngineCore::restartOldRequests() {
   std::weak_ptr<DownloadEngineCore> weak = weak_from_this();
-  for (const auto& request : QSODownloadRequestDatabaseHelper::fetchAllRequests()) {
+  const auto requests = QSODownloadRequestDatabaseHelper::fetchAllRequests();
+  discardSessionsWithoutRequest(requests);
+  for (const auto& request : requests) {
     auto task = QSOAudioDownloadResumeTask::create(
         request,
         [weak, request](ErrorPtr error, std::optional<QSOChapterDescription> chapter) {
@@ -307,6 +310,21 @@ void DownloadEngineCore::restartOldRequests() {
         },
         weak);
     if (!task->isFinished()) downloadTaskQueue_->addOperation(task);
+  }
+}
+
+void DownloadEngineCore::discardSessionsWithoutRequest(
+    const std::vector<QSODownloadRequest>& requests) {
+  // A process that ended just after its request failed or was paused may leave that request's
+  // transfers in the journal; no request will make their session again, so their files would
+  // stay for good.
+  std::set<std::string> owned;
+  for (const auto& request : requests) owned.insert("QLSO_" + request.requestIdentifier());
+  const auto& transfers = services()->transfers;
+  for (const auto& identifier : transfers->journaledSessionIdentifiers()) {
+    if (identifier.starts_with("QLSO_") && !owned.count(identifier)) {
+      transfers->discardSession(identifier);
+    }
   }
 }
 

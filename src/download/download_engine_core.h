@@ -60,6 +60,7 @@ class DownloadEngineCore : public std::enable_shared_from_this<DownloadEngineCor
 
   void addCompletionHandler(std::function<void()> handler, const std::string& sessionIdentifier);
   void callCompletionHandlerForSession(const std::string& sessionIdentifier);
+  // Restarts the stored requests, after dropping the transfer sessions none of them owns.
   void restartOldRequests();
   std::shared_ptr<QSOStateLock> stateLockForAudiobookID(const std::string& audiobookID);
   void disableDispatch();
@@ -87,6 +88,7 @@ class DownloadEngineCore : public std::enable_shared_from_this<DownloadEngineCor
   void downloadCompleteForRequest(const QSODownloadRequest& request);
 
  private:
+  void discardSessionsWithoutRequest(const std::vector<QSODownloadRequest>& requests);
   // Runs the command on the input queue (at once after disableDispatch) while the engine lives.
   void runOnInputQueue(std::function<void(DownloadEngineCore&)> command);
   void scheduleRequest(const QSODownloadRequest& request);

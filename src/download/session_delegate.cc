@@ -143,9 +143,16 @@ ErrorPtr QSOAudioDownloadSessionDelegate::processUnknownAudioTask(
 
 ErrorPtr QSOAudioDownloadSessionDelegate::process200AudioTask(
     const TransferTask& task, const std::filesystem::path& location) {
-  if (auto error = moveFileFromURL(location)) return error;
   const uint64_t expected =
       static_cast<uint64_t>(std::max<int64_t>(task.countOfBytesReceived(), 0));
+  if (isDownloaded(chapter_) && FilesystemHelper::sizeOnDisk(chapter_) == expected) {
+    // An earlier run moved this file into place and recorded it, then died before the transfer
+    // service forgot the transfer, which delivers it again: the chapter is whole already, and
+    // counting it twice would overstate the book's downloaded size.
+    LogEngineInfo("Chapter %@ was downloaded before its transfer was delivered again", chapter_);
+    return nullptr;
+  }
+  if (auto error = moveFileFromURL(location)) return error;
   const uint64_t actual = FilesystemHelper::sizeOnDisk(chapter_);
   if (expected != actual) {
     FilesystemHelper::deleteFile(chapter_, true);

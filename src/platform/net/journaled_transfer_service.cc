@@ -32,6 +32,10 @@ class JournaledTransferService final : public TransferService {
 
   std::filesystem::path journalFile() const override { return journalFile_; }
   std::filesystem::path temporaryDirectory() const override { return temporaryDirectory_; }
+  std::vector<std::string> journaledSessionIdentifiers() const override {
+    return journal_->sessionIdentifiers();
+  }
+  bool discardSession(const std::string& identifier) override;
 
  private:
   using Registry = std::map<std::string, TransferSessionPtr>;
@@ -58,9 +62,28 @@ void JournaledTransferService::removeOrphanFiles() {
   for (const auto& entry : std::filesystem::directory_iterator(temporaryDirectory_, ec)) {
     const auto name = entry.path().filename().string();
     if (!name.starts_with("transfer-") || referenced.count(entry.path())) continue;
+    // A held name stays as long as its task's file is referenced (it may be all that is left).
+    if (auto owner = entry.path();
+        owner.extension() == ".held" && referenced.count(owner.replace_extension()) > 0) {
+      continue;
+    }
     std::error_code removeError;
     std::filesystem::remove(entry.path(), removeError);
   }
+}
+
+bool JournaledTransferService::discardSession(const std::string& identifier) {
+  // Held throughout, so the session cannot be made live meanwhile.
+  std::lock_guard lock(*sessionsMutex_);
+  if (sessions_->count(identifier)) return false;
+  for (const auto& file : journal_->referencedFiles(identifier)) {
+    std::error_code ec;
+    std::filesystem::remove(file, ec);
+    std::filesystem::remove(heldNameFor(file), ec);
+  }
+  journal_->removeSession(identifier);
+  transfer_log::info("[TransferService] discarded session %@", identifier);
+  return true;
 }
 
 TransferSessionPtr JournaledTransferService::sessionWithConfiguration(

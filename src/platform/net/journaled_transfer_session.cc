@@ -3,6 +3,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/foundation/process_activity.h"
 #include "platform/foundation/uuid.h"
 #include "platform/net/transfer_errors.h"
 #include "platform/net/transfer_log.h"
@@ -21,7 +22,21 @@ void removeFile(const std::filesystem::path& file) {
   std::filesystem::remove(file, ec);
 }
 
+// Gives the finished file its held name; where the file system has no hard links it goes without.
+void holdFile(const std::filesystem::path& file) {
+  const auto held = heldNameFor(file);
+  removeFile(held);
+  std::error_code ec;
+  std::filesystem::create_hard_link(file, held, ec);
+}
+
 }  // namespace
+
+std::filesystem::path heldNameFor(const std::filesystem::path& file) {
+  auto held = file;
+  held += ".held";
+  return held;
+}
 
 // Forwards driver reports to the session while it lives.
 class JournaledTransferSession::Sink final : public TransferJobSink {
@@ -88,7 +103,7 @@ void JournaledTransferSession::adopt(std::vector<JournalTask> rows) {
     record.file = row.file;
     record.phase = row.phase;
     record.validator = row.validator;
-    const int64_t onDisk = fileSize(row.file);
+    int64_t onDisk = fileSize(row.file);
     {
       std::lock_guard taskLock(task->mutex_);
       task->description_ = row.description;
@@ -103,6 +118,11 @@ void JournaledTransferSession::adopt(std::vector<JournalTask> rows) {
                        configuration_.identifier, id, transferTaskStateName(row.state),
                        static_cast<int>(row.phase));
     if (row.phase == TransferPhase::kDownloaded) {
+      if (onDisk != row.received && fileSize(heldNameFor(row.file)) == row.received) {
+        std::error_code ec;
+        std::filesystem::rename(heldNameFor(row.file), row.file, ec);
+        if (!ec) onDisk = row.received;
+      }
       if (onDisk != row.received) {
         endFailedLocked(id, transferLostError("the finished file of the transfer is gone"));
         continue;
@@ -351,6 +371,7 @@ void JournaledTransferSession::jobEnded(uint64_t job, TransferJobResult result) 
 void JournaledTransferSession::endCancelledLocked(uint64_t id) {
   Record& record = records_.at(id);
   removeFile(record.file);
+  removeFile(heldNameFor(record.file));
   environment_.journal->removeTask(configuration_.identifier, id);
   ErrorPtr error = transferCancelledError();
   {
@@ -367,6 +388,7 @@ void JournaledTransferSession::endCancelledLocked(uint64_t id) {
 void JournaledTransferSession::endFailedLocked(uint64_t id, ErrorPtr error) {
   Record& record = records_.at(id);
   removeFile(record.file);
+  removeFile(heldNameFor(record.file));
   environment_.journal->setFailed(configuration_.identifier, id, error);
   {
     std::lock_guard taskLock(record.task->mutex_);
@@ -424,11 +446,17 @@ void JournaledTransferSession::deliverFinished(uint64_t id) {
     return;
   }
   auto self = shared_from_this();
+  // Open until the journal has forgotten the transfer: a process that waits for its open
+  // activities before it exits then leaves neither the row nor the held name behind.
+  const auto activity =
+      ProcessActivity::begin("delivering a transfer of " + configuration_.identifier);
+  holdFile(file);
   delegate->didFinishDownloadingToURL(self, task, file);
-  // The row goes first: a process killed in between leaves an orphan file, swept at start-up,
-  // never a second delivery.
+  // The row goes first: a process killed in between leaves orphan files, swept at start-up.
   environment_.journal->removeTask(configuration_.identifier, id);
   removeFile(file);
+  removeFile(heldNameFor(file));
+  ProcessActivity::end(activity);
   deliverLast(delegate, task, nullptr);
 }
 

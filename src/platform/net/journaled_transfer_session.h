@@ -25,6 +25,12 @@
 
 namespace sonorell {
 
+// While a finished file is handed to the delegate, which moves it away, its bytes keep a second
+// name beside it until the journal has forgotten the task: a process that dies in between (the
+// file moved, the delegate's own records not yet written) finds them there and delivers the file
+// again instead of losing it.
+std::filesystem::path heldNameFor(const std::filesystem::path& file);
+
 class JournaledTransferSession final
     : public TransferSession,
       public std::enable_shared_from_this<JournaledTransferSession> {

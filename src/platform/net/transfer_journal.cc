@@ -120,8 +120,11 @@ std::unique_ptr<TransferJournal> TransferJournal::open(const std::filesystem::pa
   }
   sqlite3_busy_timeout(db, 5000);
   std::unique_ptr<TransferJournal> journal(new TransferJournal(db));
-  // WAL with NORMAL sync: a commit survives the process being killed at any instant.
-  if (!journal->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;") ||
+  // WAL with NORMAL sync: a commit survives the process being killed at any instant. The log is
+  // checkpointed every 64 pages and kept to 256 kB: the default lets it reach 4 MB, which on a
+  // nearly full disk takes the room that chapters need.
+  if (!journal->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; "
+                     "PRAGMA wal_autocheckpoint=64; PRAGMA journal_size_limit=262144;") ||
       !journal->exec(kSchema)) {
     if (error) {
       *error = Error::make(std::string(kPOSIXErrorDomain), EIO,
@@ -306,6 +309,23 @@ std::vector<std::filesystem::path> TransferJournal::referencedFiles() {
   Statement select(db_, "SELECT file FROM tasks");
   while (select.row()) files.emplace_back(text(select.get(), 0));
   return files;
+}
+
+std::vector<std::filesystem::path> TransferJournal::referencedFiles(const std::string& session) {
+  std::lock_guard lock(mutex_);
+  std::vector<std::filesystem::path> files;
+  Statement select(db_, "SELECT file FROM tasks WHERE session = ?");
+  select.bind(session);
+  while (select.row()) files.emplace_back(text(select.get(), 0));
+  return files;
+}
+
+std::vector<std::string> TransferJournal::sessionIdentifiers() {
+  std::lock_guard lock(mutex_);
+  std::vector<std::string> identifiers;
+  Statement select(db_, "SELECT identifier FROM sessions UNION SELECT session FROM tasks");
+  while (select.row()) identifiers.push_back(text(select.get(), 0));
+  return identifiers;
 }
 
 }  // namespace sonorell

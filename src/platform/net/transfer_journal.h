@@ -69,6 +69,9 @@ class TransferJournal {
 
   // Every temporary file any task still refers to.
   std::vector<std::filesystem::path> referencedFiles();
+  // The files of one session's tasks.
+  std::vector<std::filesystem::path> referencedFiles(const std::string& session);
+  std::vector<std::string> sessionIdentifiers();
 
  private:
   explicit TransferJournal(sqlite3* db) : db_(db) {}

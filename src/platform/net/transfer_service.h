@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "platform/net/reachability.h"
 #include "platform/net/transfer_delegate.h"
@@ -55,6 +56,12 @@ class TransferService {
 
   virtual std::filesystem::path journalFile() const = 0;
   virtual std::filesystem::path temporaryDirectory() const = 0;
+
+  // Every session the journal holds transfers or settings for, live or not.
+  virtual std::vector<std::string> journaledSessionIdentifiers() const = 0;
+  // Drops a session nobody will make again: its transfers end without a word to any delegate
+  // and their files go. A live session is left alone (false).
+  virtual bool discardSession(const std::string& identifier) = 0;
 };
 
 // Forwards every operation to another service; a test overrides the one it wants to change.
@@ -72,6 +79,12 @@ class TransferServiceWrapper : public TransferService {
   std::filesystem::path journalFile() const override { return target_->journalFile(); }
   std::filesystem::path temporaryDirectory() const override {
     return target_->temporaryDirectory();
+  }
+  std::vector<std::string> journaledSessionIdentifiers() const override {
+    return target_->journaledSessionIdentifiers();
+  }
+  bool discardSession(const std::string& identifier) override {
+    return target_->discardSession(identifier);
   }
 
  private:

@@ -4,6 +4,7 @@
 // server or the server ignored the range.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <future>
 
 #include "support/child_process.h"
@@ -25,14 +26,16 @@ class TransferResumption : public TransferTest {
 
   // Starts a child transferring the long chapter in session `identifier` and kills it at its first
   // line starting with `until` once it has reported at least `bytes`.
-  std::unique_ptr<ChildProcess> startChild(const std::string& identifier, bool blockInFinish,
+  // `finish`: "0" handles nothing, "1" dies inside didFinishDownloadingToURL, "2" dies there
+  // after moving the file away.
+  std::unique_ptr<ChildProcess> startChild(const std::string& identifier, const std::string& finish,
                                            const std::string& until, int64_t bytes = 0) {
     // transfer_child's arguments: Library directory, URL, CA bundle, session identifier, task
-    // description, and "1" to block inside didFinishDownloadingToURL instead of handling the file.
-    auto child = ChildProcess::start(
-        SONORELL_TRANSFER_CHILD,
-        {library.path().string(), server.baseURL() + longChapter().audioPath,
-         server.caCertificatePath().string(), identifier, "2001_1_8", blockInFinish ? "1" : "0"});
+    // description, and what to do in didFinishDownloadingToURL.
+    auto child =
+        ChildProcess::start(SONORELL_TRANSFER_CHILD,
+                            {library.path().string(), server.baseURL() + longChapter().audioPath,
+                             server.caCertificatePath().string(), identifier, "2001_1_8", finish});
     if (!child) return nullptr;
     while (auto line = child->readLine()) {
       if (line->starts_with("bytes ")) reported = std::stoll(line->substr(6));
@@ -91,7 +94,7 @@ class TransferResumption : public TransferTest {
 TEST_F(TransferResumption, KilledMidTransferResumesFromItsBytesInTheNextProcess) {
   const auto& c = longChapter();
   slowAudio(2);  // the resumed request too, so that the next process finds it still running
-  ASSERT_TRUE(startChild("QLSO_killed", false, "bytes ", 30'000));
+  ASSERT_TRUE(startChild("QLSO_killed", "0", "bytes ", 30'000));
   auto files = transferFiles(temporaryDirectory());
   ASSERT_EQ(files.size(), 1u);
   const auto partial = static_cast<int64_t>(std::filesystem::file_size(files[0]));
@@ -114,7 +117,7 @@ TEST_F(TransferResumption, KilledMidTransferResumesFromItsBytesInTheNextProcess)
 }
 
 TEST_F(TransferResumption, FinishedButUnhandledIsDeliveredOnceInTheNextProcess) {
-  ASSERT_TRUE(startChild("QLSO_unhandled", true, "finished "));
+  ASSERT_TRUE(startChild("QLSO_unhandled", "1", "finished "));
   // Delivery waits until the task has been listed: a delivered task leaves the list.
   std::promise<void> listed;
   std::shared_future<void> gate = listed.get_future().share();
@@ -135,6 +138,42 @@ TEST_F(TransferResumption, FinishedButUnhandledIsDeliveredOnceInTheNextProcess) 
   third->delegateQueue()->sync([] {});  // what it was handed so far has been told
   EXPECT_TRUE(tasksOf(third).empty());
   EXPECT_TRUE(again->events().empty());
+}
+
+TEST_F(TransferResumption, AFileMovedAwayByADelegateThatThenDiedIsDeliveredAgainWhole) {
+  // The delegate's move went through but the process died before it recorded anything: the
+  // bytes must not be lost with the file's old name.
+  ASSERT_TRUE(startChild("QLSO_moved", "2", "finished "));
+  std::promise<void> listed;  // as above: delivered only once listed
+  std::shared_future<void> gate = listed.get_future().share();
+  delegate->onFinish = [gate](const std::filesystem::path&) { gate.wait(); };
+  session = adopt("QLSO_moved", TransferTaskState::kCompleted);
+  listed.set_value();
+  expectDelivered();
+  EXPECT_EQ(server.requestCount(Route::kAudio), 1u) << "the finished file was fetched again";
+  ASSERT_TRUE(delegate->waitFor(Kind::kAllDelivered, 1, std::chrono::seconds(10)));
+  EXPECT_TRUE(transferFiles(temporaryDirectory()).empty());
+}
+
+TEST_F(TransferResumption, ASessionNobodyMakesAgainIsDiscardedWithItsFilesButALiveOneIsNot) {
+  slowAudio(2);  // still running when the child is killed
+  ASSERT_TRUE(startChild("QLSO_abandoned", "0", "bytes ", 30'000));
+  ASSERT_EQ(transferFiles(temporaryDirectory()).size(), 1u);
+  startService();
+  session = service->sessionWithConfiguration(configuration("QLSO_live"), delegate);
+  auto identifiers = service->journaledSessionIdentifiers();
+  std::sort(identifiers.begin(), identifiers.end());
+  EXPECT_EQ(identifiers, (std::vector<std::string>{"QLSO_abandoned", "QLSO_live"}));
+
+  EXPECT_FALSE(service->discardSession("QLSO_live"));
+  EXPECT_TRUE(service->discardSession("QLSO_abandoned"));
+  EXPECT_TRUE(transferFiles(temporaryDirectory()).empty());
+  EXPECT_EQ(service->journaledSessionIdentifiers(), std::vector<std::string>{"QLSO_live"});
+  // Made again, it has nothing to adopt and asks the server for nothing.
+  auto again = service->sessionWithConfiguration(configuration("QLSO_abandoned"), delegate);
+  EXPECT_TRUE(tasksOf(again).empty());
+  EXPECT_EQ(server.requestCount(Route::kAudio), 1u);
+  EXPECT_TRUE(delegate->events().empty());
 }
 
 TEST_F(TransferResumption, ASuspendedTransferAsksOnlyForTheRestAndItsFileMayBeKept) {

@@ -1,5 +1,5 @@
-// The child process of the process-death tests (see transfer_resume_test.cc for its arguments): starts
-// one transfer in the session the parent names, reports its events on descriptor 3 and never
+// The child process of the process-death tests (see transfer_resume_test.cc for its arguments):
+// starts one transfer in the session the parent names, reports its events on descriptor 3 and never
 // returns on its own: the parent kills it.
 #include <unistd.h>
 
@@ -21,16 +21,22 @@ void report(const std::string& line) {
 
 class ReportingDelegate : public TransferSessionDelegate {
  public:
-  explicit ReportingDelegate(bool blockInFinish) : blockInFinish_(blockInFinish) {}
+  // mode "1": dies in didFinishDownloadingToURL before handling the file; "2": after moving it
+  // away (as the engine moves a chapter into place) but before anything else is recorded.
+  explicit ReportingDelegate(std::string mode) : mode_(std::move(mode)) {}
   void didWriteData(const TransferSessionPtr&, const TransferTaskPtr&, int64_t, int64_t total,
                     int64_t) override {
     report("bytes " + std::to_string(total));
   }
   void didFinishDownloadingToURL(const TransferSessionPtr&, const TransferTaskPtr&,
                                  const std::filesystem::path& location) override {
+    if (mode_ == "2") {
+      std::error_code ec;
+      std::filesystem::rename(location, location.string() + ".moved-away", ec);
+    }
     report("finished " + location.string());
-    // Dies here, in the parent's hands, before the file is handled.
-    while (blockInFinish_) ::pause();
+    // Dies here, in the parent's hands.
+    while (mode_ != "0") ::pause();
   }
   void didCompleteWithError(const TransferSessionPtr&, const TransferTaskPtr&,
                             ErrorPtr error) override {
@@ -38,7 +44,7 @@ class ReportingDelegate : public TransferSessionDelegate {
   }
 
  private:
-  const bool blockInFinish_;
+  const std::string mode_;
 };
 
 }  // namespace
@@ -52,7 +58,7 @@ int main(int argc, char** argv) {
   TransferSessionConfiguration config;
   config.identifier = argv[4];
   config.caBundle = argv[3];
-  auto delegate = std::make_shared<ReportingDelegate>(std::string(argv[6]) == "1");
+  auto delegate = std::make_shared<ReportingDelegate>(argv[6]);
   auto session = TransferService::shared()->sessionWithConfiguration(config, delegate);
   TransferRequest request;
   request.url = argv[2];
