@@ -141,13 +141,24 @@ void ListenEventArchive::ensureDirectory() const {
 
 std::vector<ListenEventArchive::Entry> ListenEventArchive::read(const fs::path& file,
                                                                 std::string* problem) {
-  std::ifstream in(file, std::ios::binary);
-  if (!in) return {};
-  std::string content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-
   auto report = [problem](std::string text) {
     if (problem) *problem = std::move(text);
   };
+  std::error_code error;
+  if (fs::exists(file, error) && !fs::is_regular_file(file, error)) {
+    report("it is not a file");
+    return {};
+  }
+  std::ifstream in(file, std::ios::binary);
+  if (!in) return {};
+  std::string content;
+  try {
+    content.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  } catch (const std::ios_base::failure& failure) {
+    // The stream reports a failing read(2) (EIO, EISDIR) by throwing, whatever its mask says.
+    report(std::string("it could not be read: ") + failure.what());
+    return {};
+  }
   if (content.compare(0, kHeader.size(), kHeader) != 0) {
     report("it is not a listen event archive");
     return {};

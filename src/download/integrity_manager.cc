@@ -6,6 +6,7 @@
 #include "core/notification_poster.h"
 #include "download/download_engine_core.h"
 #include "download/download_request_utilities.h"
+#include "persistence/database_manager.h"
 #include "persistence/download_request_store.h"
 #include "persistence/filesystem_helper.h"
 #include "sonorell/download_status.h"
@@ -49,7 +50,14 @@ void QSOIntegrityManager::verifyDatabaseNow(const std::shared_ptr<DownloadEngine
     if (!record) record = audiobook;
     verifyAudiobookStatus(*record, audiobookInProgress(*record), onDisk, requests);
   }
-  removeOrphanedFiles(files);
+  if (QSODatabaseManager::sharedManager()->vouchesForFiles()) {
+    removeOrphanedFiles(files);
+  } else {
+    // No record read is not the same as no record: the files stay until the records can be read.
+    LogEngineError(
+        "[DownloadEngine] The status database cannot say which audio files are wanted (it could "
+        "not be read, or an unreadable one is kept beside it); no audio file is deleted");
+  }
   if (engine) engine->restartOldRequests();
   QSONotificationPoster::sharedPoster()->postNotificationWithName(
       QSODatabaseVerificationCompleteNotification);

@@ -101,8 +101,12 @@ void QSODatabaseManager::openDatabaseConnection() {
   if (sqlite3_open(path.c_str(), &database_) != SQLITE_OK) {
     LogEngineError("[QSODatabaseManager] Error opening database: %@", errorMessage());
   }
-  if (database_ && sqlite3_exec(database_, "PRAGMA schema_version", nullptr, nullptr, nullptr) ==
-                       SQLITE_NOTADB) {
+  // Reading the whole schema finds a file that is not a database and one cut short or damaged
+  // where its tables are described; either would fail every statement from now on.
+  const int probe = database_ ? sqlite3_exec(database_, "SELECT count(*) FROM sqlite_master",
+                                             nullptr, nullptr, nullptr)
+                              : SQLITE_OK;
+  if (probe == SQLITE_NOTADB || probe == SQLITE_CORRUPT) {
     // Something else is in its place. It may hold data a person wants back, so it is kept
     // beside the new database rather than overwritten.
     sqlite3_close(database_);
@@ -110,9 +114,14 @@ void QSODatabaseManager::openDatabaseConnection() {
     const std::string aside = path + ".unreadable-" + std::to_string(::time(nullptr));
     std::error_code ec;
     std::filesystem::rename(path, aside, ec);
+    LogEngineError("[QSODatabaseManager] Cannot read %@: %@", path,
+                   std::string(sqlite3_errstr(probe)));
     LogEngineError("[QSODatabaseManager] %@ is not a database; kept as %@, starting a new one",
                    path, ec ? std::string("(could not move it: ") + ec.message() + ")" : aside);
     if (ec) std::filesystem::remove(path, ec);
+    // Its write-ahead log belongs to the old file: it goes with it, never into the new one.
+    std::filesystem::rename(path + "-wal", aside + "-wal", ec);
+    std::filesystem::remove(path + "-shm", ec);
     if (sqlite3_open(path.c_str(), &database_) != SQLITE_OK) {
       LogEngineError("[QSODatabaseManager] Error opening database: %@", errorMessage());
     }
@@ -122,7 +131,8 @@ void QSODatabaseManager::openDatabaseConnection() {
     sqlite3_exec(database_, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
     sqlite3_busy_timeout(database_, 5000);
   }
-  if (!versionMigrationAndSetup()) {
+  usable_ = database_ && versionMigrationAndSetup();
+  if (!usable_) {
     LogEngineError("[QSODatabaseManager] Error setting up database: %@", errorMessage());
   }
   // Every chapter query selects one audiobook; without this each one scans the whole table.
@@ -131,6 +141,17 @@ void QSODatabaseManager::openDatabaseConnection() {
   sqlite3_exec(database_,
                "CREATE INDEX IF NOT EXISTS chapterStatusByAudiobook ON chapterStatus (audiobookID)",
                nullptr, nullptr, nullptr);
+}
+
+bool QSODatabaseManager::vouchesForFiles() const {
+  if (!usable_) return false;
+  const std::filesystem::path path = databasePath();
+  const std::string aside = path.filename().string() + ".unreadable-";
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(path.parent_path(), ec)) {
+    if (entry.path().filename().string().starts_with(aside)) return false;
+  }
+  return !ec;
 }
 
 uint64_t QSODatabaseManager::getDatabaseVersion() {

@@ -73,6 +73,11 @@ class QSODatabaseManager {
   // Empties the three tables, keeping them.
   bool deleteAll();
 
+  // Whether the records can say which audio files are wanted: false when the database could not
+  // be opened or set up this run (every read then comes back empty), or while a database that
+  // could not be read is kept aside beside it (its records may be recovered by a person).
+  bool vouchesForFiles() const;
+
  private:
   bool write(const SqlQuery& query, std::string_view logFormat, std::string_view errorFormat);
   bool queuedWrite(const SqlQuery& query, std::string_view logFormat, std::string_view errorFormat);
@@ -84,6 +89,8 @@ class QSODatabaseManager {
   void release(sqlite3_stmt* statement);
 
   sqlite3* database_ = nullptr;
+  // Set while the constructor opens the file, read-only afterwards.
+  bool usable_ = false;
   // Prepared statements by SQL text; touched only on the database queue.
   std::unordered_map<std::string, sqlite3_stmt*> statements_;
   DispatchQueuePtr databaseQueue_;

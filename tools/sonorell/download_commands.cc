@@ -2,7 +2,9 @@
 // each to end, drawing progress on a terminal. Ctrl-C pauses what is running before exiting.
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <set>
+#include <thread>
 
 #include "commands.h"
 #include "progress_view.h"
@@ -18,13 +20,41 @@ bool isRequestEnd(const std::string& name) {
          name == QSODownloadRequestPausedNotification;
 }
 
-// The first failure among the events of these requests (or of their audiobooks' chapters).
+// The first failure among the events of these requests (or of their audiobooks' chapters). A
+// failing request is reported cancelled (16000) before it is reported failed with the reason,
+// so the cancellation counts only when nothing else failed.
 std::optional<Failure> firstFailure(const std::vector<Notification>& events) {
+  std::optional<Failure> cancelled;
   for (const auto& n : events) {
     if (n.name == QSODownloadRequestPausedNotification) continue;
-    if (auto failure = failureIn(n)) return failure;
+    auto failure = failureIn(n);
+    if (!failure) continue;
+    if (n.name == QSODownloadRequestCancelledNotification ||
+        n.name == QSOAudiobookDownloadCancelledNotification) {
+      if (!cancelled) cancelled = failure;
+      continue;
+    }
+    return failure;
   }
-  return std::nullopt;
+  return cancelled;
+}
+
+// The engine forgets a failed or paused request just after announcing its end. A process that
+// exited in between would leave it stored, and the next launch would take it up again; so this
+// waits (briefly) until none of `requests` is stored, then until what was posted is delivered.
+void waitUntilForgotten(Session& session, const std::vector<std::string>& requests) {
+  auto engine = session.engine()->downloadEngine();
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  for (;;) {
+    const auto stored = engine->currentDownloadRequests();
+    const bool pending = std::any_of(stored.begin(), stored.end(), [&](const auto& request) {
+      return std::find(requests.begin(), requests.end(), request.requestIdentifier()) !=
+             requests.end();
+    });
+    if (!pending || std::chrono::steady_clock::now() >= deadline) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  engine->waitUntilCommandsHaveRun();
 }
 
 // Draws the bars of the audiobooks being downloaded while the command waits.
@@ -85,10 +115,12 @@ Outcome waitForRequests(Session& session, const std::vector<std::string>& reques
   progress.tick();
   if (!finished) {
     pauseOnInterrupt(session, requests);
+    waitUntilForgotten(session, requests);
     // Files of chapters that finished meanwhile are moved into place before the process ends.
     QSOSonorell::waitForOpenActivities(std::chrono::seconds(5));
     return {kExitFailure, Failure{16000, "download paused by interrupt"}};
   }
+  waitUntilForgotten(session, requests);
   QSOSonorell::waitForOpenActivities(std::chrono::seconds(5));
   const auto events = session.events();
   bool allSucceeded = true;
@@ -97,9 +129,36 @@ Outcome waitForRequests(Session& session, const std::vector<std::string>& reques
       return n.name == QSODownloadRequestSuccessNotification && requestOf(n) == id;
     });
   }
-  auto failure = firstFailure(events);
-  if (allSucceeded && !failure) return {kExitOK, std::nullopt};
+  // Judged by these requests' own ends: another request for the same book (one restarted at
+  // launch, say) may fail meanwhile without this command having failed.
+  if (allSucceeded) return {kExitOK, std::nullopt};
+  std::vector<Notification> own;
+  std::copy_if(events.begin(), events.end(), std::back_inserter(own), [&](const Notification& n) {
+    return std::find(requests.begin(), requests.end(), requestOf(n)) != requests.end();
+  });
+  auto failure = firstFailure(own);
+  if (!failure) failure = firstFailure(events);
   return {kExitFailure, failure.value_or(Failure{0, "the download did not complete"})};
+}
+
+// A restarted request whose chapters are all downloaded (or that covers none) ends without a
+// word from the engine, which keeps it stored for a later run: waiting for it would never end.
+bool nothingLeftFor(Session& session, const QSODownloadRequest& request) {
+  const auto report =
+      session.engine()->downloadEngine()->reportForAudiobookID(request.audiobookID());
+  if (!report.known) return false;  // its metadata is still to be fetched
+  bool started = request.downloadType() == DownloadTypeFullAudiobook;
+  for (const auto& c : report.chapters) {
+    const bool isStart =
+        c.partNumber == request.partNumber() && c.chapterNumber == request.chapterNumber();
+    if (request.downloadType() == DownloadTypeSingleChapter) {
+      if (isStart) return c.status == DownloadStatusDownloaded;
+      continue;
+    }
+    started |= isStart;
+    if (started && c.status != DownloadStatusDownloaded) return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -150,6 +209,11 @@ int runResume(Session& session) {
   // Verification has restarted the stored requests by now; those still stored are running.
   std::vector<std::string> requests, books;
   for (const auto& request : session.engine()->downloadEngine()->currentDownloadRequests()) {
+    if (nothingLeftFor(session, request)) {
+      session.line("request " + request.requestIdentifier() + " of " + request.audiobookID() +
+                   ": nothing left to fetch");
+      continue;
+    }
     requests.push_back(request.requestIdentifier());
     if (std::find(books.begin(), books.end(), request.audiobookID()) == books.end()) {
       books.push_back(request.audiobookID());
