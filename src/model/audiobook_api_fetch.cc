@@ -168,9 +168,12 @@ void QSOAudiobookAPIFetch::parseChapterStatus(uint64_t totalSize, const nlohmann
   if (isArray) {
     for (const auto& chapter : chapters) {
       float share = total > 0 ? static_cast<float>(field(chapter, "duration") / 1000) / total : 0;
-      sizes.push_back({QSOChapterDescription(audiobookID, field(chapter, "part_number"),
-                                             field(chapter, "chapter_number")),
-                       static_cast<uint64_t>(static_cast<float>(totalSize) * share)});
+      // A total near 2^64 rounds up in single precision to a size no uint64 holds.
+      const float bytes = static_cast<float>(totalSize) * share;
+      sizes.push_back(
+          {QSOChapterDescription(audiobookID, field(chapter, "part_number"),
+                                 field(chapter, "chapter_number")),
+           bytes >= 18446744073709551616.0f ? UINT64_MAX : static_cast<uint64_t>(bytes)});
     }
   }
   if (auto error = recorder_->recordChapters(audiobookID, sizes)) {

@@ -10,7 +10,9 @@ uint64_t unsignedValue(const nlohmann::json& value) {
   if (value.is_number_integer()) return static_cast<uint64_t>(value.get<int64_t>());
   if (value.is_number_float()) {
     double d = value.get<double>();
-    return std::isfinite(d) && d > 0 ? static_cast<uint64_t>(d) : 0;
+    if (!std::isfinite(d) || d <= 0) return 0;
+    // 2^64: a larger number has no uint64 value and is read as the largest.
+    return d >= 18446744073709551616.0 ? UINT64_MAX : static_cast<uint64_t>(d);
   }
   if (value.is_boolean()) return value.get<bool>() ? 1 : 0;
   if (value.is_string()) {

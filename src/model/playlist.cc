@@ -69,6 +69,11 @@ std::optional<Date> QSOPlaylist::parseExpires(const std::string& text) {
   tm.tm_min = mi;
   tm.tm_sec = s;
   time_t utc = ::timegm(&tm) - offset;
+  // A Date counts nanoseconds in 64 bits (about the years 1678 to 2261); a time outside that
+  // cannot be one, so it does not parse either.
+  constexpr time_t kLimit =
+      std::chrono::duration_cast<std::chrono::seconds>(Date::duration::max()).count();
+  if (utc >= kLimit || utc <= -kLimit) return std::nullopt;
   return std::chrono::system_clock::from_time_t(utc);
 }
 

@@ -1,7 +1,5 @@
 #include "playback/resource_loader_delegate.h"
 
-#include <charconv>
-
 #include "core/error_descriptions.h"
 #include "core/logging.h"
 #include "core/notification_poster.h"
@@ -23,12 +21,6 @@ ErrorPtr playbackError(QSOPlaybackFailureCode code, ErrorPtr underlying) {
   const auto value = static_cast<int64_t>(code);
   return Error::make(std::string(QSOErrorDomain), value,
                      std::string(playbackDescriptionForErrorCode(value)), std::move(underlying));
-}
-
-int32_t parseNumber(std::string_view text) {
-  int32_t value = 0;
-  std::from_chars(text.data(), text.data() + text.size(), value);
-  return value;
 }
 
 }  // namespace
@@ -85,21 +77,12 @@ Dictionary QSOResourceLoaderDelegate::prepareDictionaryWithAudiobookID(
 void QSOResourceLoaderDelegate::parseURLIfNeeded(const std::string& url) {
   if (parsed_) return;
   parsed_ = true;
-  std::string_view rest(url);
-  if (rest.starts_with(kURLScheme)) rest.remove_prefix(kURLScheme.size());
-  fileName_ = std::string(rest);
-  std::string_view stem = rest.substr(0, rest.find('.'));
-  std::vector<std::string_view> pieces;
-  for (size_t start = 0;;) {
-    size_t end = stem.find('_', start);
-    pieces.push_back(stem.substr(start, end == std::string_view::npos ? end : end - start));
-    if (end == std::string_view::npos) break;
-    start = end + 1;
-  }
-  if (pieces.size() < 3) return;  // not a chapter file name: never on disk
-  audiobookID_ = std::string(pieces[0]);
-  partNumber_ = parseNumber(pieces[1]);
-  chapterNumber_ = parseNumber(pieces[2]);
+  QSOChapterURL parsed = parseChapterURL(url);
+  fileName_ = std::move(parsed.fileName);
+  if (!parsed.namesChapter) return;  // not a chapter file name: never on disk
+  audiobookID_ = std::move(parsed.audiobookID);
+  partNumber_ = parsed.partNumber;
+  chapterNumber_ = parsed.chapterNumber;
   const auto directory = FilesystemHelper::audiobookDirectory(audiobookID_);
   if (directory.empty() || fileName_.find('/') != std::string::npos) return;
   filePath_ = (directory / fileName_).string();

@@ -6,11 +6,13 @@
 // are guarded by mutex_.
 #pragma once
 
+#include <charconv>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/dispatch/operation_queue.h"
@@ -91,5 +93,44 @@ class QSOResourceLoaderDelegate : public ResourceLoaderDelegate,
   bool streaming_ = false;
   ErrorPtr loaderError_;
 };
+
+// What a player item's URL names: the chapter file name (the URL less "qlso://") and, when the
+// name's stem (up to the first ".") has at least three "_" pieces, the chapter "ID_part_chapter".
+// A number that does not begin with digits reading as int32 is 0. Inline: it needs nothing else
+// of the delegate, so it can be exercised on its own.
+struct QSOChapterURL {
+  std::string fileName;
+  bool namesChapter = false;
+  std::string audiobookID;
+  int32_t partNumber = 0;
+  int32_t chapterNumber = 0;
+};
+
+inline QSOChapterURL parseChapterURL(std::string_view url) {
+  auto number = [](std::string_view text) {
+    int32_t value = 0;
+    std::from_chars(text.data(), text.data() + text.size(), value);
+    return value;
+  };
+  QSOChapterURL parsed;
+  if (url.starts_with(QSOResourceLoaderDelegate::kURLScheme)) {
+    url.remove_prefix(QSOResourceLoaderDelegate::kURLScheme.size());
+  }
+  parsed.fileName = std::string(url);
+  std::string_view stem = url.substr(0, url.find('.'));
+  std::vector<std::string_view> pieces;
+  for (size_t start = 0;;) {
+    size_t end = stem.find('_', start);
+    pieces.push_back(stem.substr(start, end == std::string_view::npos ? end : end - start));
+    if (end == std::string_view::npos) break;
+    start = end + 1;
+  }
+  if (pieces.size() < 3) return parsed;
+  parsed.namesChapter = true;
+  parsed.audiobookID = std::string(pieces[0]);
+  parsed.partNumber = number(pieces[1]);
+  parsed.chapterNumber = number(pieces[2]);
+  return parsed;
+}
 
 }  // namespace sonorell
