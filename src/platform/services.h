@@ -33,6 +33,12 @@ struct Services {
   static std::shared_ptr<const Services> system();
   // A copy of system() for a test to change.
   static std::shared_ptr<Services> systemCopy();
+
+  // Lets the sound server (PulseAudio, or PipeWire through pipewire-pulse) drive `session` for
+  // the rest of the process: its route, route changes, suspensions and resets. Nothing happens
+  // when no server answers or our audio does not go to one ($SONORELL_AUDIO_SINK names another
+  // sink); the session then stays driven by its host. system() does this for its own session.
+  static void watchSoundServer(const std::shared_ptr<AudioSession>& session);
 };
 
 using ServicesPtr = std::shared_ptr<const Services>;

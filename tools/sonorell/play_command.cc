@@ -1,11 +1,13 @@
 // play: a chapter of an audiobook from disk or streamed, to the end of the book (--until-end),
-// for a while (--for), or under the keyboard on a terminal.
+// for a while (--for), or under the keyboard on a terminal; the desktop's media keys and player
+// widgets reach it through MPRIS when there is a session bus.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 
 #include "audio_output.h"
 #include "commands.h"
+#include "mpris.h"
 #include "progress_view.h"
 #include "terminal.h"
 
@@ -157,6 +159,12 @@ int runPlay(Session& session, const PlayArgs& args) {
   player->setWifiOnly(args.wifiOnly);
   session.line("playing " + book + " part " + std::to_string(*chapter.part) + " chapter " +
                std::to_string(*chapter.chapter) + " to " + output.description);
+  std::string title;
+  if (auto stored = QSOPersistenceEngine::sharedEngine()->audiobookForID(book)) {
+    title = stored->title();
+  }
+  const auto mpris = MprisPlayer::start(player, {book, title});
+  if (mpris && session.options().verbose) session.line("media keys: " + mpris->busName());
   player->playForAudiobookID(book, *chapter.part, *chapter.chapter,
                              static_cast<uint64_t>(std::llround(args.offset)),
                              session.options().sessionKey, session.options().licenseID);

@@ -1,7 +1,7 @@
 // The process's audio session: activation (which a host may refuse), the current output route,
-// and the interruption, route-change and media-services-reset events that a host or a test
-// raises. One shared instance; its state is guarded by its own mutex and events are delivered on
-// the queues their observers name.
+// and the interruption, route-change and media-services-reset events that a host, a test or the
+// sound-server monitor (pulse/pulse_session_monitor.h) raises. One shared instance; its state is
+// guarded by its own mutex and events are delivered on the queues their observers name.
 #pragma once
 
 #include <functional>

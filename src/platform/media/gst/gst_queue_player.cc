@@ -15,6 +15,7 @@
 #include "platform/media/gst/gst_tls.h"
 #include "platform/media/media_errors.h"
 #include "platform/media/media_log.h"
+#include "platform/media/pulse/stream_identity.h"
 
 namespace sonorell {
 namespace {
@@ -62,6 +63,23 @@ ErrorPtr mediaError(int64_t code, std::string description) {
   return Error::make(std::string(kMediaErrorDomain), code, std::move(description), nullptr);
 }
 
+bool isPulseSink(GstObject* object) {
+  if (!object || !GST_IS_ELEMENT(object)) return false;
+  GstElementFactory* factory = gst_element_get_factory(GST_ELEMENT(object));
+  return factory &&
+         g_strcmp0(gst_plugin_feature_get_name(GST_PLUGIN_FEATURE(factory)), "pulsesink") == 0;
+}
+
+// The name mixers show: the host's, when it named its application, else ours.
+std::string applicationName() {
+  const char* name = g_get_application_name();
+  const char* program = g_get_prgname();
+  if (!name || !*name || (program && g_strcmp0(name, program) == 0)) {
+    return std::string(pulse::kDefaultApplicationName);
+  }
+  return name;
+}
+
 // Mixes one buffer of raw audio to mono floats; empty for formats the tap does not read.
 std::vector<float> monoSamples(GstBuffer* buffer, const GstAudioInfo& info) {
   std::vector<float> out;
@@ -101,6 +119,24 @@ std::vector<float> monoSamples(GstBuffer* buffer, const GstAudioInfo& info) {
   return out;
 }
 
+// Whether the audio sink is busy with a buffer. A sink waits inside its chain function while its
+// device has no room (a sound server that reads in large blocks can hold the first buffers for
+// a second or more); that is a full output, not a decoder that starved. Written on the streaming
+// thread, read on the player's queue.
+struct SinkOccupancy {
+  std::atomic<bool> inChain{false};
+  std::atomic<int64_t> lastReturnMonotonicNs{-1};  // when the sink last gave a buffer back
+};
+
+GstFlowReturn chainThroughSink(GstPad* pad, GstObject* parent, GstBuffer* buffer) {
+  auto* occupancy = static_cast<std::shared_ptr<SinkOccupancy>*>(pad->chaindata)->get();
+  occupancy->inChain = true;
+  const GstFlowReturn result = gst_proxy_pad_chain_default(pad, parent, buffer);
+  occupancy->lastReturnMonotonicNs = g_get_monotonic_time() * 1000;
+  occupancy->inChain = false;
+  return result;
+}
+
 }  // namespace
 
 struct GstQueuePlayer::Pipeline {
@@ -113,11 +149,14 @@ struct GstQueuePlayer::Pipeline {
   GstAudioInfo audioInfo{};
   bool haveAudioInfo = false;
   std::atomic<int64_t> lastEndRunning{-1};  // running time where decoded audio runs out
+  // Shared with the sink pad's chain function, which may outlive the player by a teardown.
+  std::shared_ptr<SinkOccupancy> occupancy = std::make_shared<SinkOccupancy>();
 };
 
-std::shared_ptr<GstQueuePlayer> GstQueuePlayer::create() {
+std::shared_ptr<GstQueuePlayer> GstQueuePlayer::create(std::weak_ptr<AudioSession> session) {
   ensureGstInitialized();
   std::shared_ptr<GstQueuePlayer> player(new GstQueuePlayer());
+  player->session_ = std::move(session);
   if (!player->build()) return nullptr;
   return player;
 }
@@ -159,6 +198,17 @@ bool GstQueuePlayer::build() {
   }
   g_object_set(gst_->playbin, "flags", kPlayFlagsAudioOnly, "audio-sink", gst_->sink,
                "audio-filter", gst_->scaletempo, nullptr);
+  // A PulseAudio sink named in the description exists now; autoaudiosink makes its own when it
+  // opens, and playbin reports that one as it is added.
+  GstIterator* children = gst_bin_iterate_recurse(GST_BIN(gst_->sink));
+  gst_iterator_foreach(
+      children, [](const GValue* item, gpointer) { nameStream(g_value_get_object(item)); },
+      nullptr);
+  gst_iterator_free(children);
+  g_signal_connect(
+      gst_->playbin, "deep-element-added",
+      G_CALLBACK(+[](GstBin*, GstBin*, GstElement* element, gpointer) { nameStream(element); }),
+      nullptr);
 
   WeakPlayer weak = weak_from_this();
   GstPad* pad = gst_element_get_static_pad(gst_->sink, "sink");
@@ -171,6 +221,13 @@ bool GstQueuePlayer::build() {
         return GST_PAD_PROBE_OK;
       },
       new WeakPlayer(weak), deleteWeak);
+  // The sink bin's ghost pad forwards buffers to the real sink; timing that call tells a full
+  // output from a starved one.
+  if (GST_IS_GHOST_PAD(pad)) {
+    gst_pad_set_chain_function_full(
+        pad, chainThroughSink, new std::shared_ptr<SinkOccupancy>(gst_->occupancy),
+        [](gpointer data) { delete static_cast<std::shared_ptr<SinkOccupancy>*>(data); });
+  }
   gst_object_unref(pad);
 
   g_signal_connect_data(
@@ -310,7 +367,7 @@ void GstQueuePlayer::stopPipeline(bool keepPendingSeek) {
   {
     std::lock_guard lock(mutex_);
     loaded_ = pendingNext_ = sourceItem_ = nullptr;
-    prerolled_ = ended_ = stalled_ = failed_ = false;
+    prerolled_ = ended_ = stalled_ = failed_ = outputLost_ = false;
     settledSeconds_.reset();
     if (!keepPendingSeek) pending = std::move(pendingSeek_);
     inFlight = std::move(seekInFlight_);
@@ -350,6 +407,19 @@ void GstQueuePlayer::load(const ItemPtr& item, const GstItemSource::Probe& probe
   gst_->lastEndRunning = -1;
   g_object_set(gst_->playbin, "uri", uri.c_str(), nullptr);
   gst_element_set_state(gst_->playbin, rate > 0 ? GST_STATE_PLAYING : GST_STATE_PAUSED);
+}
+
+void GstQueuePlayer::nameStream(void* element) {
+  auto* object = static_cast<GstElement*>(element);
+  if (!isPulseSink(GST_OBJECT(object))) return;
+  const std::string name = applicationName();
+  GstStructure* props = gst_structure_new(
+      "props", "application.name", G_TYPE_STRING, name.c_str(), "application.id", G_TYPE_STRING,
+      std::string(pulse::kStreamApplicationID).c_str(), "application.icon_name", G_TYPE_STRING,
+      std::string(pulse::kStreamIconName).c_str(), "media.role", G_TYPE_STRING,
+      std::string(pulse::kStreamRole).c_str(), nullptr);
+  g_object_set(object, "stream-properties", props, "client-name", name.c_str(), nullptr);
+  gst_structure_free(props);
 }
 
 void GstQueuePlayer::sourceSetup(void* element) {
@@ -495,7 +565,8 @@ void GstQueuePlayer::applyRate() {
   float applied;
   {
     std::lock_guard lock(mutex_);
-    if (!loaded_ || !prerolled_ || failed_) return;
+    // A sink that lost its server cannot play again: the session's reset replaces the player.
+    if (!loaded_ || !prerolled_ || failed_ || outputLost_) return;
     rate = rate_;
     applied = appliedRate_;
   }
@@ -621,7 +692,11 @@ void GstQueuePlayer::handleMessage(void* messagePtr) {
       if (item) refreshDuration(item);
       break;
     }
+    case GST_MESSAGE_REQUEST_STATE:
+      onStateRequest(message);
+      break;
     case GST_MESSAGE_ERROR: {
+      if (onOutputLost(message->src)) break;
       GError* error = nullptr;
       gchar* debug = nullptr;
       gst_message_parse_error(message, &error, &debug);
@@ -755,6 +830,58 @@ void GstQueuePlayer::onError(ErrorPtr error) {
   onSourceFailure(item, error, false);
 }
 
+void GstQueuePlayer::onStateRequest(void* messagePtr) {
+  auto* message = static_cast<GstMessage*>(messagePtr);
+  // pulsesink asks for PAUSED when the server sends our stream a cork request (a call, or a
+  // stream of a role that takes precedence), and for PLAYING when it may go on.
+  if (!isPulseSink(message->src)) return;
+  GstState state = GST_STATE_VOID_PENDING;
+  gst_message_parse_request_state(message, &state);
+  auto session = session_.lock();
+  if (!session || (state != GST_STATE_PAUSED && state != GST_STATE_PLAYING)) return;
+  {
+    std::lock_guard lock(mutex_);
+    if (!loaded_) return;
+  }
+  media_log::emit(LogType::Info, std::string("[Media] the sound server asks to ") +
+                                     (state == GST_STATE_PAUSED ? "cork" : "uncork") +
+                                     " our stream");
+  session->raiseInterruption(state == GST_STATE_PAUSED ? AudioSessionInterruptionType::Began
+                                                       : AudioSessionInterruptionType::Ended,
+                             false);
+}
+
+bool GstQueuePlayer::onOutputLost(void* sourcePtr) {
+  auto* source = static_cast<GstObject*>(sourcePtr);
+  if (!isPulseSink(source)) return false;
+  ItemPtr item;
+  {
+    std::lock_guard lock(mutex_);
+    // Before the first preroll the sink never worked: that is an ordinary failure.
+    if (!loaded_ || !prerolled_ || failed_) return false;
+    if (outputLost_) return true;
+    outputLost_ = true;
+    item = loaded_;
+  }
+  gint64 position = 0;
+  const bool answered =
+      gst_element_query_position(gst_->playbin, GST_FORMAT_TIME, &position) && position >= 0;
+  media_log::emit(LogType::Error,
+                  "[Media] the audio sink lost its sound server; waiting as in a stall");
+  {
+    std::lock_guard lock(mutex_);
+    if (loaded_ != item) return true;
+    // Where playback stood is where it goes on from.
+    if (answered) settledSeconds_ = static_cast<double>(position) / GST_SECOND;
+    stalled_ = true;
+    rate_ = 0;
+  }
+  gst_element_set_state(gst_->playbin, GST_STATE_READY);
+  PlayerItemControl::setBufferState(*item, false, true, false);
+  PlayerItemControl::post(*item, PlayerItemEvent::PlaybackStalled);
+  return true;
+}
+
 void GstQueuePlayer::onSourceFailure(const ItemPtr& item, ErrorPtr error, bool endedEarly) {
   if (endedEarly) return;  // the stream drains; its end is reported as failed-to-play-to-end
   std::optional<Seek> pending;
@@ -808,6 +935,14 @@ void GstQueuePlayer::checkStall() {
   GstClockTime now = gst_clock_get_time(clock) - gst_element_get_base_time(gst_->playbin);
   gst_object_unref(clock);
   if (now <= static_cast<GstClockTime>(last) + kStallMargin) return;
+  // A sink still holding a buffer, or one that just gave it back, is not starved: its output is
+  // full and the next buffer follows as soon as it has room.
+  const SinkOccupancy& occupancy = *gst_->occupancy;
+  const int64_t returned = occupancy.lastReturnMonotonicNs;
+  if (occupancy.inChain || (returned >= 0 && g_get_monotonic_time() * 1000 - returned <=
+                                                 static_cast<int64_t>(kStallMargin))) {
+    return;
+  }
   // The decoder starved while playing: the player stops and waits, as a stalled player does.
   {
     std::lock_guard lock(mutex_);

@@ -3,9 +3,12 @@
 // sending the redirect's headers and trusting the system's CAs plus the host's bundle; decodebin
 // parses and decodes MP3, scaletempo keeps the pitch at other rates, and the next queued item is
 // handed to playbin before the current one drains, so the advance is gapless. The sink comes from
-// $SONORELL_AUDIO_SINK (default autoaudiosink). State is guarded by mutex_; every pipeline call
-// runs on queue_, never under mutex_, because GStreamer calls back into the player from its
-// streaming threads.
+// $SONORELL_AUDIO_SINK (default autoaudiosink). On a PulseAudio sink the stream carries the
+// engine's name, icon and role; the server's requests to cork or uncork it are the audio
+// session's interruptions, and a sink that loses its server after playing stalls the player
+// rather than failing the item (the session's reset starts playback again). State is guarded by
+// mutex_; every pipeline call runs on queue_, never under mutex_, because GStreamer calls back
+// into the player from its streaming threads.
 #pragma once
 
 #include <cstdint>
@@ -16,6 +19,7 @@
 #include <optional>
 
 #include "platform/dispatch/dispatch_group.h"
+#include "platform/media/audio_session.h"
 #include "platform/media/gst/gst_item_source.h"
 #include "platform/media/queue_player_base.h"
 
@@ -28,7 +32,8 @@ class GstQueuePlayer : public QueuePlayerBase {
   using AudioTap = std::function<void(const float* samples, size_t count, int sampleRate,
                                       int64_t runningStartNs, int64_t runningEndNs)>;
 
-  static std::shared_ptr<GstQueuePlayer> create();
+  // `session` hears the sound server's cork and uncork requests for our stream.
+  static std::shared_ptr<GstQueuePlayer> create(std::weak_ptr<AudioSession> session = {});
   ~GstQueuePlayer() override;
 
   float rate() const override;
@@ -69,6 +74,9 @@ class GstQueuePlayer : public QueuePlayerBase {
   void onEos();
   void onStreamStart();
   void onError(ErrorPtr error);
+  // A PulseAudio sink lost its server mid-play; true when the error was taken as that.
+  bool onOutputLost(void* source);
+  void onStateRequest(void* message);
   void onSourceFailure(const ItemPtr& item, ErrorPtr error, bool endedEarly);
   void checkStall();
   void refreshDuration(const ItemPtr& item);
@@ -77,6 +85,7 @@ class GstQueuePlayer : public QueuePlayerBase {
   // Streaming threads.
   void aboutToFinish();
   void sourceSetup(void* element);
+  static void nameStream(void* element);
   void onSinkBuffer(void* pad, void* buffer);
 
   std::shared_ptr<GstItemSource> sourceFor(const ItemPtr& item);
@@ -84,6 +93,7 @@ class GstQueuePlayer : public QueuePlayerBase {
   const DispatchQueuePtr queue_;
   std::unique_ptr<Pipeline> gst_;
   std::shared_ptr<DispatchTimer> stallTimer_;
+  std::weak_ptr<AudioSession> session_;  // set once by create()
 
   mutable std::mutex mutex_;
   std::map<ItemPtr, std::shared_ptr<GstItemSource>> sources_;
@@ -96,6 +106,7 @@ class GstQueuePlayer : public QueuePlayerBase {
   bool ended_ = false;
   bool stalled_ = false;
   bool failed_ = false;
+  bool outputLost_ = false;  // the sink's server went away; later errors of it say nothing new
   std::optional<Seek> pendingSeek_;   // waits for the item to be ready
   std::optional<Seek> seekInFlight_;  // sent, completes at the next async-done
   // Where the last finished seek landed: the position until the pipeline answers a query.
