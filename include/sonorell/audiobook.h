@@ -1,6 +1,7 @@
-// Audiobook and chapter metadata records: the interfaces that store entities and detached copies
-// share, and the detached copies (QSOConcreteAudiobook, QSOConcreteChapter) handed to the host.
-// Plain records, not synchronised: a record must not be changed while another thread reads it.
+/// Audiobook and chapter metadata records: the interfaces that store entities and detached copies
+/// share, and the detached copies (QSOConcreteAudiobook, QSOConcreteChapter) handed to the host.
+/// Plain records, not synchronised: a record must not be changed while another thread reads it.
+/// @file
 #pragma once
 
 #include <cstdint>
@@ -17,100 +18,190 @@ namespace sonorell {
 class QSOAudiobookInterface;
 class QSOChapterInterface;
 
-// The chapters of an audiobook. Unordered as far as callers are concerned (use sortedChapters()
-// for an order); every entry is a distinct chapter record.
+/// The chapters of an audiobook. Unordered as far as callers are concerned (use sortedChapters()
+/// for an order); every entry is a distinct chapter record.
 using QSOChapterSet = std::vector<std::shared_ptr<QSOChapterInterface>>;
 
-// Absent numbers (a store row without a value) are empty optionals; they match no lookup and
-// sort before every present number.
+/// A chapter record: what the object store's entities and detached copies have in common.
+/// Absent numbers (a store row without a value) are empty optionals; they match no lookup and
+/// sort before every present number.
 class SONORELL_EXPORT QSOChapterInterface {
  public:
+  /// Records are owned through std::shared_ptr and destroyed through this interface.
   virtual ~QSOChapterInterface() = default;
 
+  ///@{
+  /// The chapter's number within its part.
   virtual std::optional<int64_t> chapterNumber() const = 0;
   virtual void setChapterNumber(std::optional<int64_t> chapterNumber) = 0;
-  // Length of the chapter as the metadata states it (milliseconds).
+  ///@}
+  ///@{
+  /// Length of the chapter as the metadata states it (milliseconds).
   virtual std::optional<int64_t> duration() const = 0;
   virtual void setDuration(std::optional<int64_t> duration) = 0;
+  ///@}
+  ///@{
+  /// The number of the part the chapter belongs to (0 for a book without parts).
   virtual std::optional<int64_t> partNumber() const = 0;
   virtual void setPartNumber(std::optional<int64_t> partNumber) = 0;
-  // The audiobook the chapter belongs to. Weak: the audiobook owns its chapters.
+  ///@}
+  ///@{
+  /// The audiobook the chapter belongs to. Weak: the audiobook owns its chapters.
   virtual std::weak_ptr<QSOAudiobookInterface> audiobook() const = 0;
   virtual void setAudiobook(std::weak_ptr<QSOAudiobookInterface> audiobook) = 0;
+  ///@}
 };
 
-// Text properties are std::string with "" for "not given": the metadata builder stores "" for
-// every missing text, so an absent text and an empty one carry the same meaning. Numbers and
-// dates keep absence (an unparsable date is empty, which differs from the 1970 default).
+/// An audiobook record: what the object store's entities and detached copies have in common.
+/// Text properties are std::string with "" for "not given": the metadata builder stores "" for
+/// every missing text, so an absent text and an empty one carry the same meaning. Numbers and
+/// dates keep absence (an unparsable date is empty, which differs from the 1970 default).
 class SONORELL_EXPORT QSOAudiobookInterface {
  public:
+  /// Records are owned through std::shared_ptr and destroyed through this interface.
   virtual ~QSOAudiobookInterface() = default;
 
+  ///@{
+  /// The audiobook's identifier in the content service.
   virtual std::string audiobookID() const = 0;
   virtual void setAudiobookID(std::string audiobookID) = 0;
+  ///@}
+  ///@{
+  /// The abridgement statement ("Unabridged", say).
   virtual std::string abridgement() const = 0;
   virtual void setAbridgement(std::string abridgement) = 0;
+  ///@}
+  ///@{
+  /// The size of the whole audiobook in bytes, as the content service states it.
   virtual std::optional<int64_t> actualSize() const = 0;
   virtual void setActualSize(std::optional<int64_t> actualSize) = 0;
+  ///@}
+  ///@{
+  /// The publisher's description of the book.
   virtual std::string audiobookDescription() const = 0;
   virtual void setAudiobookDescription(std::string audiobookDescription) = 0;
+  ///@}
+  ///@{
+  /// The authors' names, in the metadata's order.
   virtual std::vector<std::string> authors() const = 0;
   virtual void setAuthors(std::vector<std::string> authors) = 0;
+  ///@}
+  ///@{
+  /// Awards the book has won.
   virtual std::vector<std::string> awards() const = 0;
   virtual void setAwards(std::vector<std::string> awards) = 0;
+  ///@}
+  ///@{
+  /// Whether the audio is divided into the book's real chapters.
   virtual std::optional<bool> chapterized() const = 0;
   virtual void setChapterized(std::optional<bool> chapterized) = 0;
+  ///@}
+  ///@{
+  /// The copyright statement.
   virtual std::string copyright() const = 0;
   virtual void setCopyright(std::string copyright) = 0;
+  ///@}
+  ///@{
+  /// The address of the cover image.
   virtual std::string coverURL() const = 0;
   virtual void setCoverURL(std::string coverURL) = 0;
+  ///@}
+  ///@{
+  /// The school grade level.
   virtual std::string gradeLevel() const = 0;
   virtual void setGradeLevel(std::string gradeLevel) = 0;
+  ///@}
+  ///@{
+  /// The ISBN of the library edition.
   virtual std::string isbnLibrary() const = 0;
   virtual void setIsbnLibrary(std::string isbnLibrary) = 0;
+  ///@}
+  ///@{
+  /// The ISBN of the retail edition.
   virtual std::string isbnRetail() const = 0;
   virtual void setIsbnRetail(std::string isbnRetail) = 0;
+  ///@}
+  ///@{
+  /// The language.
   virtual std::string language() const = 0;
   virtual void setLanguage(std::string language) = 0;
+  ///@}
+  ///@{
+  /// The signature (version stamp) of the metadata as the content service sent it.
   virtual std::string metadataSig() const = 0;
   virtual void setMetadataSig(std::string metadataSig) = 0;
+  ///@}
+  ///@{
+  /// When the content service last changed the metadata; empty when unparsable.
   virtual std::optional<Date> modifiedDate() const = 0;
   virtual void setModifiedDate(std::optional<Date> modifiedDate) = 0;
+  ///@}
+  ///@{
+  /// The narrators' names.
   virtual std::vector<std::string> narrators() const = 0;
   virtual void setNarrators(std::vector<std::string> narrators) = 0;
+  ///@}
+  ///@{
+  /// The publisher's name.
   virtual std::string publisher() const = 0;
   virtual void setPublisher(std::string publisher) = 0;
+  ///@}
+  ///@{
+  /// The running time as the content service states it.
   virtual std::string runtime() const = 0;
   virtual void setRuntime(std::string runtime) = 0;
+  ///@}
+  ///@{
+  /// The address of a sample recording.
   virtual std::string sampleURL() const = 0;
   virtual void setSampleURL(std::string sampleURL) = 0;
+  ///@}
+  ///@{
+  /// The names of the series the book belongs to.
   virtual std::vector<std::string> series() const = 0;
   virtual void setSeries(std::vector<std::string> series) = 0;
+  ///@}
+  ///@{
+  /// The publication date; empty when unparsable.
   virtual std::optional<Date> streetDate() const = 0;
   virtual void setStreetDate(std::optional<Date> streetDate) = 0;
+  ///@}
+  ///@{
+  /// The subtitle.
   virtual std::string subTitle() const = 0;
   virtual void setSubTitle(std::string subTitle) = 0;
+  ///@}
+  ///@{
+  /// The title. Detached copies give it in display form ("The Hobbit", not "Hobbit, The").
   virtual std::string title() const = 0;
   virtual void setTitle(std::string title) = 0;
+  ///@}
+  ///@{
+  /// The chapters (unordered); the audiobook record owns them.
   virtual QSOChapterSet chapters() const = 0;
   virtual void setChapters(QSOChapterSet chapters) = 0;
+  ///@}
+  ///@{
+  /// The subject classification (BISAC) codes.
   virtual std::vector<std::string> bisacCodes() const = 0;
   virtual void setBisacCodes(std::vector<std::string> bisacCodes) = 0;
+  ///@}
 
-  // The first chapter whose part and chapter numbers equal the arguments, or null. With
-  // duplicates, any one of them may be returned.
+  /// The first chapter whose part and chapter numbers equal the arguments, or null. With
+  /// duplicates, any one of them may be returned.
   virtual std::shared_ptr<QSOChapterInterface> chapterForPartNumber(int32_t partNumber,
                                                                     int32_t chapterNumber) const;
-  // All chapters, part-major and chapter-minor, ascending.
+  /// All chapters, part-major and chapter-minor, ascending.
   virtual std::vector<std::shared_ptr<QSOChapterInterface>> sortedChapters() const;
 };
 
-// A detached copy of a chapter record; usable on any thread, independent of the store.
+/// A detached copy of a chapter record; usable on any thread, independent of the store.
 class SONORELL_EXPORT QSOConcreteChapter : public QSOChapterInterface {
  public:
+  /// A chapter with every number absent and no audiobook.
   QSOConcreteChapter() = default;
-  // Copies the numbers and the audiobook reference (which keeps pointing to the source's
-  // audiobook record).
+  /// Copies the numbers and the audiobook reference (which keeps pointing to the source's
+  /// audiobook record).
   static std::shared_ptr<QSOConcreteChapter> initWithChapter(const QSOChapterInterface& chapter);
 
   std::optional<int64_t> chapterNumber() const override { return chapterNumber_; }
@@ -133,12 +224,13 @@ class SONORELL_EXPORT QSOConcreteChapter : public QSOChapterInterface {
   std::weak_ptr<QSOAudiobookInterface> audiobook_;
 };
 
-// A detached copy of an audiobook record, what lookups hand out so that callers never hold
-// store objects. Its title is always in display form ("The Hobbit", not "Hobbit, The").
+/// A detached copy of an audiobook record, what lookups hand out so that callers never hold
+/// store objects. Its title is always in display form ("The Hobbit", not "Hobbit, The").
 class SONORELL_EXPORT QSOConcreteAudiobook : public QSOAudiobookInterface {
  public:
+  /// An audiobook with every text "", every list empty, every number and date absent.
   QSOConcreteAudiobook() = default;
-  // Copies every property; the chapters become new QSOConcreteChapter records.
+  /// Copies every property; the chapters become new QSOConcreteChapter records.
   static std::shared_ptr<QSOConcreteAudiobook> initWithAudiobook(
       const QSOAudiobookInterface& audiobook);
 

@@ -1,4 +1,6 @@
-// Everything a host needs: include this one header and link libsonorell.
+/// Everything a host needs: include this one header and link libsonorell.
+/// Start at QSOSonorell (sonorell/facade.h); the overview page lists the other entry points.
+/// @file
 #pragma once
 
 #include "sonorell/audio_session.h"

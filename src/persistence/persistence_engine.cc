@@ -102,7 +102,9 @@ bool loadChapters(StoreConnection& connection,
 
 }  // namespace
 
-struct QSOPersistenceEngine::Impl : std::enable_shared_from_this<Impl> {
+// Hidden: the class it belongs to is exported, and members of a nested type would follow it.
+struct __attribute__((visibility("hidden"))) QSOPersistenceEngine::Impl
+    : std::enable_shared_from_this<Impl> {
   // Guards `connection`: every use of the store holds it for the whole operation.
   std::mutex mutex;
   std::unique_ptr<StoreConnection> connection;
