@@ -80,7 +80,7 @@ class ObserverList {
         // invalidation in particular) has run.
         auto e = weak.lock();
         if (!e || !e->active) return;
-        if (auto callback = e->callback.load()) (*callback)(args...);
+        if (auto callback = e->currentCallback()) (*callback)(args...);
       });
     }
   }
@@ -100,11 +100,24 @@ class ObserverList {
   struct Entry {
     Entry(DispatchQueuePtr q, Callback c)
         : queue(std::move(q)), callback(std::make_shared<const Callback>(std::move(c))) {}
+    std::shared_ptr<const Callback> currentCallback() const {
+      std::lock_guard lock(callbackMutex);
+      return callback;
+    }
+    void dropCallback() {
+      std::shared_ptr<const Callback> dropped;
+      std::lock_guard lock(callbackMutex);
+      dropped.swap(callback);  // released after the lock, in case it captured this list
+    }
+
     const DispatchQueuePtr queue;
     std::atomic<bool> active{true};
     // Null once the token is invalidated or gone. A delivery takes its own reference for the
     // call, so a token dropped meanwhile on another thread cannot destroy a running callback.
-    std::atomic<std::shared_ptr<const Callback>> callback;
+    // A mutex rather than std::atomic<std::shared_ptr>: libstdc++ 12 releases that type's
+    // internal lock with a relaxed store, which ThreadSanitizer rightly reports.
+    mutable std::mutex callbackMutex;
+    std::shared_ptr<const Callback> callback;  // guarded by callbackMutex
   };
 
   class Token final : public Observation {
@@ -115,7 +128,7 @@ class ObserverList {
     // the call in progress, if a delivery is running it now).
     void invalidate() override {
       entry_->active = false;
-      entry_->callback.store(nullptr);
+      entry_->dropCallback();
     }
 
    private:
