@@ -128,7 +128,9 @@ else
 fi
 dpkg -x "$deb" "$work/root"
 # The program finds the unpacked library through its relative run path.
-ldd "$work/root/usr/bin/sonorell" | grep -q "libsonorell.so.6 => $work/root/" ||
+# (grep -q on a pipe would end ldd early with SIGPIPE, which pipefail counts as a failure)
+libs=$(ldd "$work/root/usr/bin/sonorell")
+grep -q "libsonorell.so.6 => $work/root/" <<<"$libs" ||
   fail "the unpacked sonorell does not load the unpacked libsonorell"
 packaged=$("$work/root/usr/bin/sonorell" version)
 [ "$packaged" = "$version" ] || fail "the packaged sonorell says '$packaged', sonorell.pc '$version'"
