@@ -72,17 +72,19 @@ void QSOAudioDownloadTask::invalidateSession() {
   if (session_) session_->finishTasksAndInvalidate();
 }
 
-void QSOAudioDownloadTask::cancel() {
-  {
-    // The task's lock before the state lock, the order scheduling takes them in.
-    std::lock_guard lock(taskMutex_);
-    if (auto engine = engine_.lock()) {
-      std::lock_guard stateLock(*engine->stateLockForAudiobookID(audiobookID_));
-      router_->setCancelled(true);
-      for (const auto& [key, transfer] : downloadTasks_) transfer->cancel();
-      for (const auto& transfer : adopted_) transfer->cancel();
-    }
+void QSOAudioDownloadTask::stopTransfers() {
+  // The task's lock before the state lock, the order scheduling takes them in.
+  std::lock_guard lock(taskMutex_);
+  if (auto engine = engine_.lock()) {
+    std::lock_guard stateLock(*engine->stateLockForAudiobookID(audiobookID_));
+    router_->setCancelled(true);
+    for (const auto& [key, transfer] : downloadTasks_) transfer->cancel();
+    for (const auto& transfer : adopted_) transfer->cancel();
   }
+}
+
+void QSOAudioDownloadTask::cancel() {
+  stopTransfers();
   QSOAAudioTask::cancel();
 }
 
@@ -94,6 +96,10 @@ void QSOAudioDownloadTask::complete() {
 void QSOAudioDownloadTask::failedWithError(ErrorPtr error,
                                            std::optional<QSOChapterDescription> chapter) {
   QSOAAudioTask::failedWithError(std::move(error), std::move(chapter));
+  // The engine cancels a failed task it finds on its queue; one that fails before it is queued
+  // (a restarted request whose adopted transfers failed while it was being made) must stop its
+  // transfers itself, or their late events would reset chapters another request now fetches.
+  stopTransfers();
   invalidateSession();
 }
 
@@ -161,6 +167,15 @@ void QSOAudioDownloadTask::fetchAudio() {
   std::unique_lock stateLock(*engine->stateLockForAudiobookID(audiobookID_));
   auto toDownload = getChaptersToDownload(stateLock);
   if (!toDownload) return;
+  if (toDownload->empty()) {
+    // What is left is being fetched by another request for this book (one restarted at launch,
+    // say); the engine has this task look again whenever that request's chapters change, and
+    // their arrival is then this request's success, not a needless request.
+    hasScheduledDownload_ = true;
+    LogEngineVerbose("[AudioDownloadTask] Waiting for chapters fetched by another request of %@",
+                     audiobookID_);
+    return;
+  }
   LogEngineVerbose("[AudioDownloadTask] Chapters to download: %@", describeChapters(*toDownload));
 
   const auto activity = ProcessActivity::begin("Start Request: " + request_.requestIdentifier());
@@ -214,6 +229,8 @@ void QSOAudioDownloadTask::requestIsNeedless() {
 
 void QSOAudioDownloadTask::adoptTransfer(TransferTaskPtr transfer) {
   std::lock_guard lock(taskMutex_);
+  // The task may have failed on a transfer adopted before this one.
+  if (router_->isCancelled()) transfer->cancel();
   adopted_.push_back(std::move(transfer));
   hasScheduledDownload_ = true;
 }
@@ -313,9 +330,21 @@ void QSOAudioDownloadTask::chapterFinished(ErrorPtr error, const QSOChapterDescr
     // A transfer of an earlier run that ended before this task adopted it counts as adopted:
     // the request fetched something, so all chapters done is its success, not a needless one.
     if (!scheduledHere) hasScheduledDownload_ = true;
-    if (!isExecuting() || !reachedAudioStep_) return;
   }
-  onStepQueue([](QSOAAudioTask& task) { task.fetchAudio(); });
+  lookAgain();
+}
+
+void QSOAudioDownloadTask::lookAgain() {
+  // Judged on the step queue: the caller may hold the audiobook's state lock, which is taken
+  // after the task's lock.
+  onStepQueue([](QSOAAudioTask& task) {
+    auto& self = static_cast<QSOAudioDownloadTask&>(task);
+    {
+      std::lock_guard lock(self.taskMutex_);
+      if (!self.isExecuting() || !self.reachedAudioStep_) return;
+    }
+    self.fetchAudio();
+  });
 }
 
 }  // namespace sonorell

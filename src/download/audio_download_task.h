@@ -43,6 +43,9 @@ class QSOAudioDownloadTask : public QSOAAudioTask {
   std::optional<TransferRequest> requestForChapter(const QSOChapterDescription& chapter,
                                                    const QSOPlaylist& playlist);
   const TransferSessionPtr& audioDownloadSession();
+  // Runs the audio step again (on the step queue) once the task has reached it: the chapters'
+  // statuses changed, by this task's transfers or by another request for the same book.
+  void lookAgain();
 
  protected:
   QSOAudioDownloadTask(const QSODownloadRequest& request, Completion completion,
@@ -69,6 +72,8 @@ class QSOAudioDownloadTask : public QSOAAudioTask {
   // The router's per-chapter result, on the session's delegate queue.
   void chapterFinished(ErrorPtr error, const QSOChapterDescription& chapter);
   void invalidateSession();
+  // Marks the router cancelled and cancels every transfer of this task.
+  void stopTransfers();
 
   const QSODownloadRequest request_;
   const DispatchQueuePtr urlSessionStartQueue_;

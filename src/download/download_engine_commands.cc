@@ -39,6 +39,15 @@ std::optional<std::string> cancelledText() {
 
 }  // namespace
 
+void DownloadEngineCore::otherRequestsLookAgain(const QSODownloadRequest& request) {
+  for (const auto& operation : operationsMatching([&](const QSODownloadRequest& other) {
+         return other.audiobookID() == request.audiobookID() &&
+                other.requestIdentifier() != request.requestIdentifier();
+       })) {
+    static_cast<QSOAudioDownloadTask&>(*operation).lookAgain();
+  }
+}
+
 std::vector<OperationPtr> DownloadEngineCore::operationsMatching(
     const std::function<bool(const QSODownloadRequest&)>& predicate) const {
   std::vector<OperationPtr> matching;
@@ -191,6 +200,7 @@ void DownloadEngineCore::cancelTaskForRequestIdentifier(const std::string& reque
     std::lock_guard stateLock(*stateLockForAudiobookID(request->audiobookID()));
     clearInProgressStateForChapters(chapters, request->audiobookID());
   }
+  otherRequestsLookAgain(*request);
   post(QSODownloadRequestCancelledNotification,
        QSONotificationPoster::prepareDictionaryWithDownloadRequest(&*request, cancelledText(),
                                                                    kCancelled, nullptr));

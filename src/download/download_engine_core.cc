@@ -201,6 +201,7 @@ void DownloadEngineCore::markChapterDownloadComplete(const QSOChapterDescription
     record->writeUpdateForProperties({"downloadStatus"});
   }
   post(QSOChapterDownloadSuccessNotification, byChapter(chapter, request));
+  otherRequestsLookAgain(request);
   auto audiobook =
       QSOAudiobookStatus::fetchAudiobookStatusForAudiobookIdentifier(chapter.audiobookID());
   if (!audiobook) return;

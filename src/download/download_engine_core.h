@@ -99,6 +99,9 @@ class DownloadEngineCore : public std::enable_shared_from_this<DownloadEngineCor
                             const std::string& errorDescription, int64_t errorCode,
                             const ErrorPtr& error);
   void cancelTaskForRequestIdentifier(const std::string& requestIdentifier);
+  // The other queued requests for the book look at its chapters again: one may be waiting for
+  // chapters this request fetched, or have to take up those it left.
+  void otherRequestsLookAgain(const QSODownloadRequest& request);
   void cancelTasksForAudiobookID(const std::string& audiobookID);
   void cancelTasksForAudiobookID(const std::string& audiobookID, uint64_t part, uint64_t chapter);
   // With the audiobook's state lock held.

@@ -6,10 +6,10 @@
 #include <nlohmann/json.hpp>
 
 #include "download/progress_manager.h"
-#include "support/download_engine_support.h"
 #include "persistence/audiobook_status.h"
 #include "persistence/download_request_store.h"
 #include "sonorell/errors.h"
+#include "support/download_engine_support.h"
 
 namespace sonorell {
 namespace {
@@ -217,6 +217,43 @@ TEST_F(DownloadEngineTest, PausingKeepsFinishedChaptersAndAFreshRequestFetchesOn
     EXPECT_EQ(requestsFor(*chapter), before) << "a finished chapter was fetched again";
   }
   for (const auto& chapter : book->chapters) EXPECT_TRUE(identicalToServer(*book, chapter));
+}
+
+// A second request for a book whose remaining chapters another request is fetching (one
+// restarted at launch, say) waits for them: their arrival is its success, and when the other
+// request fails it takes up the chapters that one left.
+TEST_F(DownloadEngineTest, ASecondRequestForABookWaitsForTheFirstAndTakesOverWhatItLeaves) {
+  makeEngine();
+  for (const bool firstFails : {false, true}) {
+    SCOPED_TRACE(firstFails ? "the first request fails" : "the first request succeeds");
+    const auto* book = server.catalogue().book(firstFails ? content::kThreeChapterBookID
+                                                          : content::kFourChapterBookID);
+    const auto& last = book->chapters.back();
+    // The last chapter answers late, so the second request finds it in the first one's hands.
+    Fault fault = firstFails ? Fault::statusCode(500) : Fault{};
+    fault.delay = std::chrono::milliseconds(1500);
+    server.faults().add(Route::kAudio, fault, Trigger::next(1), last.audioPath);
+
+    auto first = wholeBook(book->id);
+    engine->startDownloadWithRequest(first);
+    ASSERT_TRUE(waitFor(QSOChapterDownloadStagedNotification,
+                        QSOChapterDescription(book->id, last.part, last.chapter)));
+    const auto second = QSODownloadRequest(book->id, DownloadTypeFullAudiobook, "session",
+                                           "license-" + book->id, false);
+    engine->startDownloadWithRequest(second);
+
+    EXPECT_EQ(waitForEnd(second.requestIdentifier(), std::chrono::seconds(30)),
+              QSODownloadRequestSuccessNotification);
+    EXPECT_EQ(
+        waitForEnd(first.requestIdentifier(), std::chrono::seconds(30)),
+        firstFails ? QSODownloadRequestFailedNotification : QSODownloadRequestSuccessNotification);
+    for (const auto& chapter : book->chapters) EXPECT_TRUE(identicalToServer(*book, chapter));
+    size_t lastFetches = 0;
+    for (const auto& r : server.requests(Route::kAudio)) lastFetches += r.path == last.audioPath;
+    EXPECT_EQ(lastFetches, firstFails ? 2u : 1u);
+    EXPECT_EQ(engine->statusForAudiobookID(book->id), DownloadStatusDownloaded);
+    EXPECT_TRUE(engine->currentDownloadRequests().empty());
+  }
 }
 
 TEST_F(DownloadEngineTest, CancellingOneChapterKeepsTheRequestAndDeleteRemovesEverything) {
