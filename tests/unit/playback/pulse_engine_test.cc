@@ -122,6 +122,22 @@ TEST_F(EngineOnPulseAudio, TheDeviceGoingAwayWhilePlayingPausesWithContext3AndTh
       << daemon_.pactl({"list", "sink-inputs"}).out;
   EXPECT_EQ(session->currentRoute().outputs.at(0).portType, "Speaker");
 
+  // What was heard on the headphones was recorded as heard on wired headphones. The pause's
+  // listen event is stored on the engine's queue, so the queue is flushed until it has gone out.
+  std::set<std::string> paths;
+  ASSERT_TRUE(testing::eventually([&] {
+    QLListenEventHandler::sharedHandler()->flushListenEventQueue();
+    paths.clear();
+    for (const auto& request : server.requests(Route::kAnalytics)) {
+      const auto body = nlohmann::json::parse(request.body);
+      for (const auto& event : body.at("events")) {
+        paths.insert(event.at("path_to_ear").get<std::string>());
+      }
+    }
+    return !paths.empty();
+  }));
+  EXPECT_TRUE(paths.contains("Wired")) << nlohmann::json(paths).dump();
+
   // While paused, the next device going away posts nothing.
   ASSERT_TRUE(daemon_.loadModule({"module-null-sink", "sink_name=spare"}));
   const auto speakers = daemon_.moduleOf("speakers");

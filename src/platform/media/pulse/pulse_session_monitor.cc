@@ -263,53 +263,41 @@ void PulseSessionMonitor::onEvent(uint32_t type, uint32_t index) {
   }
 }
 
-void PulseSessionMonitor::querySink(uint32_t index) {
+template <typename Info, void (PulseSessionMonitor::*OnInfo)(const Info*), auto Known>
+void PulseSessionMonitor::queryByIndex(InfoGetter<Info> get, uint32_t index) {
   struct Query {
     PulseSessionMonitor* self;
     uint32_t index;
   };
+  auto query = std::make_unique<Query>(Query{this, index});
   ++pending_;
-  pa_operation* op = pa_context_get_sink_info_by_index(
+  pa_operation* op = get(
       context_, index,
-      [](pa_context*, const pa_sink_info* info, int eol, void* data) {
+      [](pa_context*, const Info* info, int eol, void* data) {
         auto* query = static_cast<Query*>(data);
-        if (eol == 0) return query->self->onSink(info);
+        if (eol == 0) return (query->self->*OnInfo)(info);
         // Gone before we asked: it is removed by its own event.
-        if (eol < 0) query->self->sinks_.erase(query->index);
-        auto* self = query->self;
-        delete query;
-        self->queryDone();
+        if (eol < 0) (query->self->*Known).erase(query->index);
+        std::unique_ptr<Query> done(query);
+        done->self->queryDone();
       },
-      new Query{this, index});
-  if (op) {
-    pa_operation_unref(op);
-  } else {
+      query.get());
+  if (!op) {
     --pending_;
+    return;
   }
+  query.release();  // the last callback frees it
+  pa_operation_unref(op);
+}
+
+void PulseSessionMonitor::querySink(uint32_t index) {
+  queryByIndex<pa_sink_info, &PulseSessionMonitor::onSink, &PulseSessionMonitor::sinks_>(
+      pa_context_get_sink_info_by_index, index);
 }
 
 void PulseSessionMonitor::querySinkInput(uint32_t index) {
-  struct Query {
-    PulseSessionMonitor* self;
-    uint32_t index;
-  };
-  ++pending_;
-  pa_operation* op = pa_context_get_sink_input_info(
-      context_, index,
-      [](pa_context*, const pa_sink_input_info* info, int eol, void* data) {
-        auto* query = static_cast<Query*>(data);
-        if (eol == 0) return query->self->onSinkInput(info);
-        if (eol < 0) query->self->streams_.erase(query->index);
-        auto* self = query->self;
-        delete query;
-        self->queryDone();
-      },
-      new Query{this, index});
-  if (op) {
-    pa_operation_unref(op);
-  } else {
-    --pending_;
-  }
+  queryByIndex<pa_sink_input_info, &PulseSessionMonitor::onSinkInput,
+               &PulseSessionMonitor::streams_>(pa_context_get_sink_input_info, index);
 }
 
 void PulseSessionMonitor::queryServer() {

@@ -25,6 +25,7 @@ struct pa_time_event;
 struct pa_sink_info;
 struct pa_sink_input_info;
 struct pa_server_info;
+struct pa_operation;
 
 namespace sonorell::pulse {
 
@@ -69,6 +70,12 @@ class PulseSessionMonitor {
   void onReady();
   void onLost();
   void onEvent(uint32_t type, uint32_t index);
+  template <typename Info>
+  using InfoGetter = pa_operation* (*)(pa_context*, uint32_t,
+                                       void (*)(pa_context*, const Info*, int, void*), void*);
+  // Reads one sink or sink input; `OnInfo` gets it, and one gone meanwhile leaves `Known`.
+  template <typename Info, void (PulseSessionMonitor::*OnInfo)(const Info*), auto Known>
+  void queryByIndex(InfoGetter<Info> get, uint32_t index);
   void querySink(uint32_t index);
   void querySinkInput(uint32_t index);
   void queryServer();
