@@ -19,9 +19,9 @@
 
 namespace sonorell {
 
-/// The object store of audiobook metadata. The download engine adds the metadata of every book
-/// it fetches; a host queries it with predicates (sonorell/predicate.h). Results are detached
-/// copies the caller owns.
+/// The object store of audiobook metadata. A host adds the metadata documents it holds (the
+/// download engine does not add what it fetches) and queries them with predicates
+/// (sonorell/predicate.h). Results are detached copies the caller owns.
 class SONORELL_EXPORT QSOPersistenceEngine {
  public:
   /// The process-wide store, created on first use and kept for the life of the process.
