@@ -19,6 +19,12 @@ std::string replaceNulls(std::string text) {
   }
   return text;
 }
+
+// An identifier as a JSON string, so that a log line shows every character of it (a NUL, a
+// control character, a byte that is not UTF-8) rather than cutting it short.
+std::string jsonQuoted(const std::string& identifier) {
+  return nlohmann::json(identifier).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
 }  // namespace
 
 QSOAudiobookAPIFetch::QSOAudiobookAPIFetch(std::string sessionKey, std::shared_ptr<HttpClient> http,
@@ -27,8 +33,7 @@ QSOAudiobookAPIFetch::QSOAudiobookAPIFetch(std::string sessionKey, std::shared_p
 
 HttpRequest QSOAudiobookAPIFetch::buildRequest() {
   HttpRequest request;
-  std::string url = json_reading::percentEscapeURL(
-      stringWithFormat("%@/%@", ServiceURLs::apiBaseURL() + "/v4/audiobooks", audiobookID_));
+  const std::string url = ServiceURLs::audiobookURL(audiobookID_);
   request.method = "GET";
   request.url = url;
   request.timeout = std::chrono::seconds(30);
@@ -137,6 +142,14 @@ void QSOAudiobookAPIFetch::processJSON(const nlohmann::json* document) {
     return;
   }
   const std::string audiobookID = id->get<std::string>();
+  if (audiobookID != audiobookID_) {
+    // Recording it would put another book's records (or a name nobody asked for) under this
+    // request; the answer is as useless as one without an ID.
+    LogEngineError("[DownloadEngine] Metadata for audiobook %@ describes audiobook %@ instead",
+                   jsonQuoted(audiobookID_), jsonQuoted(audiobookID));
+    processNetworkError(70);
+    return;
+  }
   const nlohmann::json* size = json_reading::member(*document, "actual_size");
   const nlohmann::json* chapters = json_reading::member(*document, "chapters");
 

@@ -27,7 +27,8 @@ class QSOAudiobookAPIFetch : public std::enable_shared_from_this<QSOAudiobookAPI
   HttpRequest buildRequest();
 
   // Low codes of the metadata fetch: 45 unauthorized, 50 server error, 55 gateway time-out,
-  // 60 not found, 65 other status, 70 unavailable (the transport error underneath).
+  // 60 not found, 65 other status, 70 unavailable (the transport error underneath) or no usable
+  // document (not JSON, no ID, or the ID of another book).
   void processNetworkError(int64_t code);
   void processMetadataUnavilable(ErrorPtr error);
   void processResponse(const std::optional<HttpResponse>& response, const ErrorPtr& error,

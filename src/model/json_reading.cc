@@ -1,6 +1,5 @@
 #include "model/json_reading.h"
 
-#include <cctype>
 #include <cmath>
 
 namespace sonorell::json_reading {
@@ -69,25 +68,6 @@ bool isValidUTF8(std::string_view text) {
     i += length;
   }
   return true;
-}
-
-std::string percentEscapeURL(std::string_view url) {
-  static const char* kHex = "0123456789ABCDEF";
-  std::string out;
-  out.reserve(url.size());
-  for (char ch : url) {
-    unsigned char c = static_cast<unsigned char>(ch);
-    bool keep = std::isalnum(c) ||
-                std::string_view("-._~:/?#[]@!$&'()*+,;=%").find(ch) != std::string_view::npos;
-    if (keep) {
-      out.push_back(ch);
-    } else {
-      out.push_back('%');
-      out.push_back(kHex[c >> 4]);
-      out.push_back(kHex[c & 0xF]);
-    }
-  }
-  return out;
 }
 
 }  // namespace sonorell::json_reading

@@ -1,6 +1,5 @@
 // Small readers over decoded JSON shared by the content-API clients: numbers the way the
-// platform reads them from numbers or digit strings, UTF-8 validation, and percent-escaping.
-// Stateless.
+// platform reads them from numbers or digit strings, and UTF-8 validation. Stateless.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +16,5 @@ uint64_t unsignedValue(const nlohmann::json& value);
 // The key's value in an object, or null when the object is not one or lacks the key.
 const nlohmann::json* member(const nlohmann::json& object, std::string_view key);
 bool isValidUTF8(std::string_view text);
-// Percent-escapes what may not stand in a URL, keeping the URL's own delimiters.
-std::string percentEscapeURL(std::string_view url);
 
 }  // namespace sonorell::json_reading

@@ -20,13 +20,16 @@ void QSOPlaylistAPIFetch::fetchPlaylist(HttpClient& http, const std::string& aud
                                         Completion completion) {
   HttpRequest request;
   request.method = "POST";
-  request.url = json_reading::percentEscapeURL(ServiceURLs::apiBaseURL() + "/v4/audiobooks/" +
-                                               audiobookID + "/playlists");
+  request.url = ServiceURLs::playlistURL(audiobookID);
   request.timeout = std::chrono::seconds(30);
   request.headers = {{"X-Request-Id", QSOUtils::generateUUID()},
                      {"Session-Key", sessionKey},
                      {"Content-Type", "application/json"}};
-  request.body = nlohmann::json{{"license_id", licenseID}}.dump();
+  // A license ID that is not UTF-8 cannot be JSON text as it is: its bad bytes go as U+FFFD
+  // for the service to refuse, rather than as an exception out of this call (whose caller would
+  // then never see a completion).
+  request.body = nlohmann::json{{"license_id", licenseID}}.dump(
+      -1, ' ', false, nlohmann::json::error_handler_t::replace);
 
   http.send(std::move(request), [audiobookID, completion = std::move(completion)](
                                     std::optional<HttpResponse> response, ErrorPtr error) {

@@ -119,11 +119,14 @@ std::vector<std::string> QSOAudiobookStatus::fetchAllAudiobookIdentifiers() {
 }
 
 bool QSOAudiobookStatus::saveToDatabase() {
-  {
-    std::lock_guard lock(cache().mutex);
-    cache().byIdentifier.insert_or_assign(audiobookIdentifier_, shared_from_this());
-  }
-  return QSODatabaseManager::sharedManager()->insertAudiobookStatus(*this);
+  // Cached only once the row exists: a failed insert (the book is recorded already, or the
+  // database refuses) must not put a record in front of callers that the database does not
+  // hold. The cache stays locked across the insert so that no reader caches the row it reads
+  // back in between (cache, then database queue: the engines' lock order).
+  std::lock_guard lock(cache().mutex);
+  if (!QSODatabaseManager::sharedManager()->insertAudiobookStatus(*this)) return false;
+  cache().byIdentifier.insert_or_assign(audiobookIdentifier_, shared_from_this());
+  return true;
 }
 
 bool QSOAudiobookStatus::deleteFromDatabase() {

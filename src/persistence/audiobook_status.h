@@ -55,7 +55,8 @@ class QSOAudiobookStatus : public std::enable_shared_from_this<QSOAudiobookStatu
   static std::vector<std::string> fetchAllAudiobookIdentifiers();
   static void prepareCache();
 
-  // Caches this instance (which must be owned by a shared_ptr), then inserts it.
+  // Inserts this instance (which must be owned by a shared_ptr) and, once the row exists, caches
+  // it; a failed insert leaves the cache as it was.
   bool saveToDatabase();
   bool deleteFromDatabase();
   // Writes the named properties ("downloadStatus", "downloadedSize", "totalSize") in one

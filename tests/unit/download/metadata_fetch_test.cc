@@ -65,15 +65,48 @@ TEST_F(MetadataFetch, ABookBecomesItsStatusRecordsWithSizesInProportionToDuratio
             1u);
 }
 
-TEST_F(MetadataFetch, ChapterSizesSplitTheBookBySingleSecondsInSinglePrecision) {
-  answerMetadataWith(R"({"audiobook": {"id": "77", "actual_size": 1000, "chapters": [
-      {"duration": 1999, "part_number": 0, "chapter_number": 1},
-      {"duration": 3000, "part_number": 0, "chapter_number": 2}]}})");
-  EXPECT_EQ(fetch("77"), nullptr);
-  auto chapters = QSOChapterStatus::fetchAllSortedForAudiobookIdentifier("77");
-  ASSERT_EQ(chapters.size(), 2u);
-  EXPECT_EQ(chapters[0]->totalSize(), 250u);
-  EXPECT_EQ(chapters[1]->totalSize(), 750u);
+// Sizes come from the book's size split by whole seconds in single precision; a size beyond
+// what a uint64 holds (a huge number, or a rounding up to 2^64) is recorded as the largest one.
+TEST_F(MetadataFetch, ChapterSizesSplitTheBookBySingleSecondsAndSaturateAtTheLargestSize) {
+  struct Case {
+    std::string id;
+    std::string body;
+    uint64_t bookSize;
+    std::vector<uint64_t> chapterSizes;
+  };
+  const Case cases[] = {
+      {"77",
+       R"({"audiobook": {"id": "77", "actual_size": 1000, "chapters": [
+          {"duration": 1999, "part_number": 0, "chapter_number": 1},
+          {"duration": 3000, "part_number": 0, "chapter_number": 2}]}})",
+       1000,
+       {250, 750}},
+      {"x", R"({"audiobook":{"id":"x","actual_size":1e300}})", UINT64_MAX, {}},
+      {"y",
+       R"({"audiobook":{"id":"y","actual_size":18446744073709551615,"chapters":[{"duration":5000}]}})",
+       UINT64_MAX,
+       {UINT64_MAX}},
+      {"z",
+       R"({"audiobook": {"id": "z", "actual_size": 1e300, "chapters": [
+          {"duration": 1000, "part_number": 0, "chapter_number": 1},
+          {"duration": 3000, "part_number": 0, "chapter_number": 2}]}})",
+       UINT64_MAX,
+       {uint64_t{1} << 62, 13835058055282163712u}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.body);
+    server.faults().clear();
+    answerMetadataWith(c.body);
+    ASSERT_EQ(fetch(c.id), nullptr);
+    auto book = QSOAudiobookStatus::fetchAudiobookStatusForAudiobookIdentifier(c.id);
+    ASSERT_NE(book, nullptr);
+    EXPECT_EQ(book->totalSize(), c.bookSize);
+    std::vector<uint64_t> sizes;
+    for (const auto& chapter : QSOChapterStatus::fetchAllSortedForAudiobookIdentifier(c.id)) {
+      sizes.push_back(chapter->totalSize());
+    }
+    EXPECT_EQ(sizes, c.chapterSizes);
+  }
 }
 
 TEST_F(MetadataFetch, AnEmptyIdCompletesWith70AndWritesNothing) {
@@ -207,6 +240,87 @@ TEST_F(MetadataFetch, ABodyThatIsNotUTF8NeverCompletes) {
   EXPECT_TRUE(listener->waitFor("[DownloadEngine] Error reading message from server"));
   DispatchQueue::waitUntilAllIdle(std::chrono::seconds(2));
   EXPECT_EQ(future.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
+}
+
+// The ID is one path segment of the metadata URL whatever it holds: it can name no other
+// resource, so the server answers for that ID (here: no such book, 404) and nothing is recorded.
+TEST_F(MetadataFetch, AnIdentifierIsOnePathSegmentAndNeverReachesAnotherBook) {
+  struct Case {
+    std::string id;
+    bool routed;  // whether the server can take the path as one book's (no "/" in the ID)
+  };
+  const Case cases[] = {
+      {"../audiobooks/1002", false},
+      {"1002/../../audiobooks/1003", false},
+      {"..", true},
+      {".", true},
+      {"1001?x=1#y", true},
+      {"a b%2F1001", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.id);
+    server.recorder().clear();
+    auto error = fetch(c.id);
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->code, 60);
+    EXPECT_TRUE(QSODatabaseManager::sharedManager()->getAllAudiobookIdentifiers().empty());
+    const auto requests = server.requests(Route::kMetadata);
+    EXPECT_EQ(requests.size(), c.routed ? 1u : 0u);
+    for (const auto& request : requests) EXPECT_EQ(request.path, "/v4/audiobooks/" + c.id);
+  }
+}
+
+// A document that names another book than the one asked for is refused: recording it would put
+// that book's records (or a name nobody asked for) under this request.
+TEST_F(MetadataFetch, ADocumentForAnotherBookIsRefusedWith70AndRecordsNothing) {
+  using namespace std::string_literals;
+  const std::pair<std::string, std::string> cases[] = {
+      {"1001", "1002"},
+      {"83", "83\0/../../escape"s},  // the same up to a NUL
+      {"84", "84 "},
+      {"85", "085"},
+  };
+  for (const auto& [requested, named] : cases) {
+    SCOPED_TRACE(named);
+    server.faults().clear();
+    answerMetadataWith(nlohmann::json{
+        {"audiobook", {{"id", named}, {"actual_size", 100}, {"chapters", {{{"duration", 1000}}}}}}}
+                           .dump());
+    const std::string line = "[DownloadEngine] Metadata for audiobook " +
+                             nlohmann::json(requested).dump() + " describes audiobook " +
+                             nlohmann::json(named).dump() + " instead";
+    const size_t before = listener->count(line);
+    auto error = fetch(requested);
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->domain, QSOErrorDomain);
+    EXPECT_EQ(error->code, 70);
+    EXPECT_EQ(listener->count(line), before + 1) << "one line naming both, NUL and all";
+    EXPECT_TRUE(QSODatabaseManager::sharedManager()->getAllAudiobookIdentifiers().empty());
+    EXPECT_TRUE(QSOChapterStatus::fetchAllForAudiobookIdentifier(named).empty());
+  }
+}
+
+// Recording a book that is recorded already fails (12005); the cached record must still be the
+// one the database holds, with what the download engine wrote to it since.
+TEST_F(MetadataFetch, AFailedSaveLeavesTheCachedRecordAsTheDatabaseHasIt) {
+  ASSERT_EQ(fetch("1001"), nullptr);
+  auto recorded = QSOAudiobookStatus::fetchAudiobookStatusForAudiobookIdentifier("1001");
+  ASSERT_NE(recorded, nullptr);
+  recorded->setDownloadStatus(DownloadStatusDownloaded);
+  recorded->setDownloadedSize(recorded->totalSize());
+  ASSERT_TRUE(recorded->writeUpdateForProperties({"downloadStatus", "downloadedSize"}));
+
+  auto error = fetch("1001");
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code, 12005);
+  auto cached = QSOAudiobookStatus::fetchAudiobookStatusForAudiobookIdentifier("1001");
+  EXPECT_EQ(cached, recorded) << "the record callers share is still the one in the cache";
+  ASSERT_NE(cached, nullptr);
+  EXPECT_EQ(cached->downloadStatus(), DownloadStatusDownloaded);
+  auto stored = QSODatabaseManager::sharedManager()->getAudiobookStatusForIdentifier("1001");
+  ASSERT_NE(stored, nullptr);
+  EXPECT_EQ(stored->downloadStatus(), cached->downloadStatus());
+  EXPECT_EQ(stored->downloadedSize(), cached->downloadedSize());
 }
 
 // Loses the connection of the first request it is given; every later one is real.

@@ -39,6 +39,15 @@ class PlaylistFetch : public testing::ServerTest {
 TEST_F(PlaylistFetch, EveryFailingAnswerReachesTheHostWithItsCode) {
   using D = QSODownloadFailureCode;
   using P = QSOPlaybackFailureCode;
+  // A whole playlist but for its expiry.
+  auto expiringAt = [](const char* expires) {
+    return Fault::customBody(
+        200, nlohmann::json{{"playlist_token", "t"},
+                            {"expires", expires},
+                            {"playlist",
+                             {{{"part_number", 0}, {"chapter_number", 1}, {"url", "https://a/1"}}}}}
+                 .dump());
+  };
   struct Case {
     Fault fault;
     int64_t code;
@@ -59,6 +68,19 @@ TEST_F(PlaylistFetch, EveryFailingAnswerReachesTheHostWithItsCode) {
       {Fault::invalidJson(), 25, D::DownloadPlaylistCannotBeLoaded, P::PlaylistCannotBeLoaded},
       {Fault::customBody(200, R"({"playlist_token": "t"})"), 25, D::DownloadPlaylistCannotBeLoaded,
        P::PlaylistCannotBeLoaded},
+      // Expiries that are no date the engine can hold (beyond about 1678 to 2261), as one that
+      // does not parse at all.
+      {expiringAt("1500-01-01T00:00:00Z"), 25, D::DownloadPlaylistCannotBeLoaded,
+       P::PlaylistCannotBeLoaded},
+      {expiringAt("2300-01-01T00:00:00Z"), 25, D::DownloadPlaylistCannotBeLoaded,
+       P::PlaylistCannotBeLoaded},
+      {expiringAt("1013-11-23T03:18:46+0000"), 25, D::DownloadPlaylistCannotBeLoaded,
+       P::PlaylistCannotBeLoaded},
+      {expiringAt("2030-01-02 03:04:05"), 25, D::DownloadPlaylistCannotBeLoaded,
+       P::PlaylistCannotBeLoaded},
+      // Not UTF-8 text: no document.
+      {Fault::customBody(200, "\xff\xfe{\"playlist_token\": \"t\"}"), 25,
+       D::DownloadPlaylistCannotBeLoaded, P::PlaylistCannotBeLoaded},
       {Fault::statusCode(400), 35, D::InvalidLicenseID, P::InvalidLicenseID},
       {Fault::statusCode(404), 20, D::InvalidChapterDownloadRequest, P::InvalidLicenseID},
       {Fault::statusCode(502), 10, D::InternalServerError, P::ServerSideError},
@@ -70,6 +92,7 @@ TEST_F(PlaylistFetch, EveryFailingAnswerReachesTheHostWithItsCode) {
     server.faults().add(Route::kPlaylist, c.fault);
     auto [playlist, error] = fetch();
     SCOPED_TRACE(c.code);
+    SCOPED_TRACE(c.fault.body.value_or(""));
     EXPECT_FALSE(playlist.has_value());
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->domain, QSOErrorDomain);
@@ -102,6 +125,54 @@ TEST_F(PlaylistFetch, ADroppedConnectionKeepsItsTransportErrorAndAnErrorDocument
   EXPECT_EQ(error->localizedDescription(),
             "Error: The download failed due to being unauthorized code: expired Message: Key "
             "expired");
+}
+
+// The ID is one path segment of the playlist URL: "/" and dot segments cannot lead the request
+// to another book's playlists.
+TEST_F(PlaylistFetch, AnIdentifierIsOnePathSegmentAndNeverReachesAnotherBook) {
+  struct Case {
+    std::string id;
+    bool routed;  // whether the server can take the path as one book's (no "/" in the ID)
+  };
+  const Case cases[] = {
+      {"../audiobooks/1002", false},
+      {"1002/playlists/..", false},
+      {"..", true},
+      {"1001?x=1#y", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.id);
+    server.recorder().clear();
+    auto [playlist, error] = fetch(c.id);
+    EXPECT_FALSE(playlist.has_value());
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->code, 20) << "no such book";
+    const auto requests = server.requests(Route::kPlaylist);
+    EXPECT_EQ(requests.size(), c.routed ? 1u : 0u);
+    for (const auto& request : requests) {
+      EXPECT_EQ(request.path, "/v4/audiobooks/" + c.id + "/playlists");
+    }
+  }
+}
+
+// A license ID is the host's text; one that is not UTF-8 cannot be JSON as it is. The fetch still
+// goes out and ends, and the request key is free again afterwards.
+TEST_F(PlaylistFetch, ALicenseIDThatIsNotUTF8StillEndsTheFetch) {
+  auto synchronizer = std::make_shared<TaskSynchronizer>(HttpClient::shared(), nullptr);
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    SCOPED_TRACE(attempt);
+    std::promise<Result> done;
+    auto future = done.get_future();
+    synchronizer->fetchPlaylistMetadata("1001", "lic\xff\xfe", "session-1",
+                                        [&done](std::optional<QSOPlaylist> p, ErrorPtr e) {
+                                          done.set_value({std::move(p), std::move(e)});
+                                        });
+    auto [playlist, error] = await(future);
+    EXPECT_NE(playlist.has_value(), error != nullptr) << "exactly one of the two";
+    ASSERT_EQ(server.requestCount(Route::kPlaylist), static_cast<uint64_t>(attempt + 1));
+  }
+  const auto sent = nlohmann::json::parse(server.requests(Route::kPlaylist).at(0).body);
+  EXPECT_EQ(sent.at("license_id"), "lic\xEF\xBF\xBD\xEF\xBF\xBD");
 }
 
 TEST(PlaylistDecoding, ABadElementIsDroppedNotFatalAndTheFirstDuplicateWins) {
