@@ -2,7 +2,6 @@
 
 #include <sqlite3.h>
 
-#include <ctime>
 #include <filesystem>
 #include <mutex>
 
@@ -10,6 +9,7 @@
 #include "persistence/download_request_store.h"
 #include "persistence/filesystem_helper.h"
 #include "platform/foundation/format.h"
+#include "platform/foundation/kept_aside.h"
 
 namespace sonorell {
 
@@ -111,17 +111,11 @@ void QSODatabaseManager::openDatabaseConnection() {
     // beside the new database rather than overwritten.
     sqlite3_close(database_);
     database_ = nullptr;
-    const std::string aside = path + ".unreadable-" + std::to_string(::time(nullptr));
-    std::error_code ec;
-    std::filesystem::rename(path, aside, ec);
+    const KeptAside kept = keepUnreadableFileAside(path);
     LogEngineError("[QSODatabaseManager] Cannot read %@: %@", path,
                    std::string(sqlite3_errstr(probe)));
     LogEngineError("[QSODatabaseManager] %@ is not a database; kept as %@, starting a new one",
-                   path, ec ? std::string("(could not move it: ") + ec.message() + ")" : aside);
-    if (ec) std::filesystem::remove(path, ec);
-    // Its write-ahead log belongs to the old file: it goes with it, never into the new one.
-    std::filesystem::rename(path + "-wal", aside + "-wal", ec);
-    std::filesystem::remove(path + "-shm", ec);
+                   path, kept.description());
     if (sqlite3_open(path.c_str(), &database_) != SQLITE_OK) {
       LogEngineError("[QSODatabaseManager] Error opening database: %@", errorMessage());
     }

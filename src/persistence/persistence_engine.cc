@@ -19,6 +19,7 @@
 #include "platform/dispatch/dispatch_group.h"
 #include "platform/dispatch/dispatch_queue.h"
 #include "platform/foundation/format.h"
+#include "platform/foundation/kept_aside.h"
 
 namespace sonorell {
 
@@ -119,8 +120,10 @@ struct __attribute__((visibility("hidden"))) QSOPersistenceEngine::Impl
   void setUpStore();
   void buildOnMain();
   void createStore();
+  // `notADatabase`: see StoreConnection::open.
   std::unique_ptr<StoreConnection> openAndMigrate(const std::filesystem::path& path,
-                                                  StoreMigrationResult* result);
+                                                  StoreMigrationResult* result,
+                                                  bool* notADatabase = nullptr);
   static void removeStoreFiles(const std::filesystem::path& path);
 
   // Runs `body` with the store under the lock, or logs why it cannot and gives `fallback`.
@@ -184,9 +187,9 @@ void QSOPersistenceEngine::Impl::buildOnMain() {
 }
 
 std::unique_ptr<StoreConnection> QSOPersistenceEngine::Impl::openAndMigrate(
-    const std::filesystem::path& path, StoreMigrationResult* result) {
+    const std::filesystem::path& path, StoreMigrationResult* result, bool* notADatabase) {
   std::string error;
-  auto opened = StoreConnection::open(path, &error);
+  auto opened = StoreConnection::open(path, &error, notADatabase);
   if (!opened) {
     *result = {false, 0, error};
     return nullptr;
@@ -212,8 +215,22 @@ void QSOPersistenceEngine::Impl::createStore() {
   }
   FilesystemHelper::createSupportDirectory();
   StoreMigrationResult result;
-  connection = openAndMigrate(path, &result);
+  bool notADatabase = false;
+  connection = openAndMigrate(path, &result, &notADatabase);
   if (connection) return;
+  if (notADatabase) {
+    // It may not be ours, or hold something a person wants back: kept, not deleted.
+    const KeptAside kept = keepUnreadableFileAside(path);
+    LogEngineError(
+        "[QSOPersistenceEngine] %@ is not a database; kept as %@, starting a new one "
+        "(%@)",
+        path.string(), kept.description(), result.description);
+    connection = openAndMigrate(path, &result);
+    if (!connection) {
+      LogEngineError("[Sonorell] Error creating persistence engine store: %@", result.description);
+    }
+    return;
+  }
   LogEngineError("[Sonorell] Error creating persistence engine store: %@", result.description);
   if (result.code != kStoreIncompatibleVersionError &&
       result.code != kStoreMissingSourceModelError) {

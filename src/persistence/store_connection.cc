@@ -80,7 +80,8 @@ StoredValue StoreStatement::column(int index) const {
 int64_t StoreStatement::int64(int index) const { return sqlite3_column_int64(statement_, index); }
 
 std::unique_ptr<StoreConnection> StoreConnection::open(const std::filesystem::path& path,
-                                                       std::string* error) {
+                                                       std::string* error, bool* notADatabase) {
+  if (notADatabase) *notADatabase = false;
   sqlite3* db = nullptr;
   int rc = sqlite3_open_v2(
       path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
@@ -93,10 +94,13 @@ std::unique_ptr<StoreConnection> StoreConnection::open(const std::filesystem::pa
   // WAL lets readers of other processes (and the next launch after a kill) see a consistent file;
   // NORMAL is WAL's safe level (a commit can be lost on power failure, the file never corrupts).
   // The journal pragma is also the first read of the file, so a file that is not a database
-  // fails here.
+  // fails here; reading the whole schema finds one cut short or damaged where its tables are
+  // described.
   if (!connection->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; "
-                        "PRAGMA foreign_keys=ON;",
+                        "PRAGMA foreign_keys=ON; SELECT count(*) FROM sqlite_master;",
                         error)) {
+    const int code = connection->errorCode() & 0xff;
+    if (notADatabase) *notADatabase = code == SQLITE_NOTADB || code == SQLITE_CORRUPT;
     return nullptr;
   }
   sqlite3_busy_timeout(db, 5000);

@@ -52,9 +52,11 @@ class StoreStatement {
 class StoreConnection {
  public:
   // Opens (creating) the file with WAL, foreign keys on and synchronous=NORMAL. Null on failure,
-  // with SQLite's message in `error`.
+  // with SQLite's message in `error`; `notADatabase` then says whether the failure was the
+  // file's content (not a database, or damaged where its tables are described) rather than the
+  // file system refusing it.
   static std::unique_ptr<StoreConnection> open(const std::filesystem::path& path,
-                                               std::string* error);
+                                               std::string* error, bool* notADatabase = nullptr);
   ~StoreConnection();
   StoreConnection(const StoreConnection&) = delete;
   StoreConnection& operator=(const StoreConnection&) = delete;

@@ -6,6 +6,7 @@
 #include <set>
 #include <system_error>
 
+#include "platform/foundation/kept_aside.h"
 #include "platform/foundation/library_directory.h"
 #include "platform/net/journaled_transfer_session.h"
 #include "platform/net/transfer_log.h"
@@ -148,7 +149,18 @@ std::shared_ptr<TransferService> TransferService::create(TransferServiceOptions 
       *error = Error::posix(ec.value() ? ec.value() : EIO, options.temporaryDirectory.string());
     return nullptr;
   }
-  std::shared_ptr<TransferJournal> journal = TransferJournal::open(options.journalFile, error);
+  bool notADatabase = false;
+  std::shared_ptr<TransferJournal> journal =
+      TransferJournal::open(options.journalFile, error, &notADatabase);
+  if (!journal && notADatabase) {
+    // Its transfers are lost either way; a new journal keeps the ones started from now on, and
+    // the old bytes stay for a person to look at.
+    const KeptAside kept = keepUnreadableFileAside(options.journalFile);
+    transfer_log::error("[TransferService] %@ is not a database; kept as %@, starting a new one",
+                        options.journalFile.string(), kept.description());
+    if (error) *error = nullptr;
+    journal = TransferJournal::open(options.journalFile, error);
+  }
   if (!journal) return nullptr;
   return std::make_shared<JournaledTransferService>(std::move(options), std::move(journal));
 }

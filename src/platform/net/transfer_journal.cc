@@ -104,7 +104,8 @@ class Statement {
 }  // namespace
 
 std::unique_ptr<TransferJournal> TransferJournal::open(const std::filesystem::path& file,
-                                                       ErrorPtr* error) {
+                                                       ErrorPtr* error, bool* notADatabase) {
+  if (notADatabase) *notADatabase = false;
   sqlite3* db = nullptr;
   int rc =
       sqlite3_open_v2(file.c_str(), &db,
@@ -122,10 +123,14 @@ std::unique_ptr<TransferJournal> TransferJournal::open(const std::filesystem::pa
   std::unique_ptr<TransferJournal> journal(new TransferJournal(db));
   // WAL with NORMAL sync: a commit survives the process being killed at any instant. The log is
   // checkpointed every 64 pages and kept to 256 kB: the default lets it reach 4 MB, which on a
-  // nearly full disk takes the room that chapters need.
+  // nearly full disk takes the room that chapters need. The pragmas are the first read of the
+  // file and the schema reads all of its description, so a file that is not a database, or is
+  // damaged there, fails here.
   if (!journal->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; "
                      "PRAGMA wal_autocheckpoint=64; PRAGMA journal_size_limit=262144;") ||
       !journal->exec(kSchema)) {
+    const int code = sqlite3_errcode(db) & 0xff;
+    if (notADatabase) *notADatabase = code == SQLITE_NOTADB || code == SQLITE_CORRUPT;
     if (error) {
       *error = Error::make(std::string(kPOSIXErrorDomain), EIO,
                            std::string("cannot set up transfer journal: ") + sqlite3_errmsg(db),

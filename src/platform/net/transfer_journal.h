@@ -44,9 +44,12 @@ struct JournalTask {
 
 class TransferJournal {
  public:
-  // Opens (creating) the file. Null, with `error` set, when it cannot be opened.
+  // Opens (creating) the file. Null, with `error` set, when it cannot be opened; `notADatabase`
+  // then says whether that was the file's content (not a database, or damaged where its tables
+  // are described) rather than the file system refusing it.
   static std::unique_ptr<TransferJournal> open(const std::filesystem::path& file,
-                                               ErrorPtr* error = nullptr);
+                                               ErrorPtr* error = nullptr,
+                                               bool* notADatabase = nullptr);
   ~TransferJournal();
   TransferJournal(const TransferJournal&) = delete;
   TransferJournal& operator=(const TransferJournal&) = delete;

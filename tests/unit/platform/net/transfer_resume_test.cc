@@ -1,13 +1,18 @@
 // Transfers that outlive their process or pause: a child killed mid-transfer is resumed by the
 // next process with Range/If-Range; a finished file nobody handled is delivered once more; a
 // suspended transfer asks only for the rest, and starts over when the file changed on the
-// server or the server ignored the range.
+// server or the server ignored the range. A journal that is no longer a database is kept aside
+// and a new one keeps transfers from then on.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <future>
+#include <random>
 
+#include "platform/log/platform_log.h"
 #include "support/child_process.h"
+#include "support/platform_log_lines.h"
+#include "support/raw_sqlite.h"
 #include "transfer_test_support.h"
 
 namespace sonorell::testing {
@@ -225,6 +230,118 @@ TEST_F(TransferResumption, AResumeTheServerCannotHonourRestartsFromZero) {
   }
   EXPECT_TRUE(wentBack);
 }
+
+// --- A damaged journal ---
+
+enum class JournalDamage { kGarbage, kTruncated, kDirectory };
+
+struct DamagedJournal {
+  std::string name;
+  JournalDamage damage;
+};
+
+void PrintTo(const DamagedJournal& c, std::ostream* out) { *out << c.name; }
+
+class DamagedJournals : public TransferResumption,
+                        public ::testing::WithParamInterface<DamagedJournal> {
+ protected:
+  std::filesystem::path journal() const {
+    return library.path() / "SonorellSupport" / "TransferJournal.sqlite";
+  }
+
+  // Damages the journal file and returns the bytes it then holds (none for a directory).
+  std::string damage(JournalDamage how) {
+    std::filesystem::create_directories(journal().parent_path());
+    switch (how) {
+      case JournalDamage::kGarbage: {
+        std::mt19937_64 random(11);
+        std::string bytes(64 * 1024, '\0');
+        for (auto& b : bytes) b = static_cast<char>(random());
+        std::ofstream(journal(), std::ios::binary | std::ios::trunc) << bytes;
+        return bytes;
+      }
+      case JournalDamage::kTruncated: {
+        // A journal an earlier run wrote, all of it in the main file, cut in half.
+        startService();
+        auto earlier = service->sessionWithConfiguration(configuration("QLSO_earlier"), delegate);
+        for (int i = 0; i < 20; ++i) earlier->downloadTask(getChapter(longChapter()));
+        earlier.reset();
+        service.reset();
+        EXPECT_TRUE(DispatchQueue::waitUntilAllIdle(std::chrono::seconds(30)));
+        RawSqlite(journal()).exec("PRAGMA wal_checkpoint(TRUNCATE)");
+        std::filesystem::remove(journal().string() + "-wal");
+        std::filesystem::remove(journal().string() + "-shm");
+        std::filesystem::resize_file(journal(), std::filesystem::file_size(journal()) / 2);
+        return readFile(journal());
+      }
+      case JournalDamage::kDirectory:
+        std::filesystem::create_directory(journal());
+        return {};
+    }
+    return {};
+  }
+
+  // The files kept beside the journal under its "unreadable" name (without their logs).
+  std::vector<std::filesystem::path> keptAside() const {
+    std::vector<std::filesystem::path> kept;
+    const std::string prefix = journal().filename().string() + ".unreadable-";
+    for (const auto& entry : std::filesystem::directory_iterator(journal().parent_path())) {
+      const auto name = entry.path().filename().string();
+      if (name.starts_with(prefix) && !name.ends_with("-wal")) kept.push_back(entry.path());
+    }
+    return kept;
+  }
+};
+
+TEST_P(DamagedJournals, AreKeptAsideAndTheNewJournalResumesTransfersUnlessItCannotBeOpened) {
+  const std::string damaged = damage(GetParam().damage);
+  testing::PlatformLogLines log;
+  if (GetParam().damage == JournalDamage::kDirectory) {
+    // Moving it would not help: what stops the journal is the file system, not the bytes.
+    TransferServiceOptions options;
+    options.reachability = reachability;
+    ErrorPtr error;
+    EXPECT_EQ(TransferService::create(std::move(options), &error), nullptr);
+    EXPECT_TRUE(error);
+    EXPECT_TRUE(std::filesystem::is_directory(journal()));
+    EXPECT_TRUE(keptAside().empty());
+    EXPECT_EQ(log.count("is not a database"), 0u);
+    return;
+  }
+  startService();
+  ASSERT_TRUE(service);
+  EXPECT_EQ(log.count("[TransferService] " + journal().string() + " is not a database; kept as " +
+                      journal().string() + ".unreadable-"),
+            1u);
+  const auto kept = keptAside();
+  ASSERT_EQ(kept.size(), 1u);
+  EXPECT_TRUE(readFile(kept[0]) == damaged) << "the damaged bytes were not kept as they were";
+  EXPECT_TRUE(service->journaledSessionIdentifiers().empty());
+
+  // A transfer journaled in the new file is taken up by the next service from its bytes.
+  auto task = startSuspended();
+  task->setTaskDescription("2001_1_8");
+  const std::string identifier = session->identifier();
+  session.reset();
+  service.reset();
+  session = adopt(identifier, TransferTaskState::kSuspended);
+  auto tasks = tasksOf(session);
+  ASSERT_EQ(tasks.size(), 1u);
+  tasks[0]->resume();
+  expectDelivered();
+  auto requests = server.requests(Route::kAudio);
+  ASSERT_EQ(requests.size(), 2u);
+  ASSERT_TRUE(requests[1].header("Range"));
+  EXPECT_NE(requests[1].header("Range"), "bytes=0-");
+}
+
+INSTANTIATE_TEST_SUITE_P(Journal, DamagedJournals,
+                         ::testing::Values(DamagedJournal{"Garbage", JournalDamage::kGarbage},
+                                           DamagedJournal{"Truncated", JournalDamage::kTruncated},
+                                           DamagedJournal{"Directory", JournalDamage::kDirectory}),
+                         [](const ::testing::TestParamInfo<DamagedJournal>& info) {
+                           return info.param.name;
+                         });
 
 }  // namespace
 }  // namespace sonorell::testing
