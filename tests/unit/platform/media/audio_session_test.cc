@@ -24,7 +24,7 @@ TEST(AudioSessionTest, ActivationFollowsTheHostsAnswer) {
 
 TEST(AudioSessionTest, EventsReachObserversWithTheirDetails) {
   ScopedVirtualClock clock;
-  testing::LogCapture log;
+  testing::PlatformLogLines log;
   AudioSession session;
   EXPECT_EQ(session.currentRoute().outputs.at(0).portType, kAudioSessionPortBuiltInSpeaker);
   std::vector<AudioSessionEvent> events;
@@ -34,7 +34,7 @@ TEST(AudioSessionTest, EventsReachObserversWithTheirDetails) {
   std::atomic<int> refusedCalls{0};
   auto refused = session.observe(nullptr, [&](const AudioSessionEvent&) { ++refusedCalls; });
   ASSERT_NE(refused, nullptr);
-  EXPECT_EQ(log.errorsMentioning("AudioSession::observe"), 1u);
+  EXPECT_EQ(log.count("AudioSession::observe", LogType::Error), 1u);
   session.setCurrentRoute({{{std::string(kAudioSessionPortHeadphones), "Jack"}}});
   session.raiseInterruption(AudioSessionInterruptionType::Began, true);
   session.setCurrentRoute({{{std::string(kAudioSessionPortBuiltInSpeaker), "Speaker"}}},

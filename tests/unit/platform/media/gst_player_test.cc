@@ -412,14 +412,14 @@ TEST_F(GstTrust, DatabaseIsKeptForOneBundleAndRemadeWhenItChanges) {
 }
 
 TEST_F(GstTrust, NoBundleOrAnUnusableOneGivesNoDatabase) {
-  testing::LogCapture log;
+  testing::PlatformLogLines log;
   EXPECT_EQ(gst_tls::databaseForBundle(""), nullptr);
   std::string junk = writeFile("junk.pem", "not a certificate\n");
   EXPECT_EQ(gst_tls::databaseForBundle(junk), nullptr);
   EXPECT_EQ(gst_tls::databaseForBundle(junk), nullptr);
   EXPECT_EQ(gst_tls::databaseForBundle((dir_.path() / "missing.pem").string()), nullptr);
-  EXPECT_EQ(log.errorsMentioning("junk.pem"), 1u);  // reported once, not at every source
-  EXPECT_EQ(log.errorsMentioning("missing.pem"), 1u);
+  EXPECT_EQ(log.count("junk.pem", LogType::Error), 1u);  // reported once, not at every source
+  EXPECT_EQ(log.count("missing.pem", LogType::Error), 1u);
 }
 
 TEST_F(GstTrust, HttpSourceGetsTheDatabaseAndStaysStrict) {

@@ -29,6 +29,7 @@
 #include "platform/media/player_item.h"
 #include "platform/media/queue_player.h"
 #include "platform/media/resource_loader.h"
+#include "support/platform_log_lines.h"
 
 namespace sonorell::testing {
 
@@ -260,32 +261,6 @@ inline std::shared_ptr<PlayerItem> makeItem(const std::string& url,
   item->resourceLoader().setDelegate(delegate, queue);
   return item;
 }
-
-// Collects the platform log's error lines while it lives; the default sink comes back after.
-class LogCapture {
- public:
-  LogCapture() : sink_(std::make_shared<Sink>()) { platform_log::setSink(sink_); }
-  ~LogCapture() { platform_log::setSink(nullptr); }
-
-  size_t errorsMentioning(std::string_view part) const {
-    std::lock_guard lock(sink_->mutex);
-    return static_cast<size_t>(
-        std::count_if(sink_->errors.begin(), sink_->errors.end(),
-                      [&](const std::string& line) { return line.find(part) != line.npos; }));
-  }
-
- private:
-  struct Sink : LogSink {
-    bool wants(LogType) const override { return true; }
-    void write(LogType type, std::string_view line) override {
-      std::lock_guard lock(mutex);
-      if (type == LogType::Error) errors.emplace_back(line);
-    }
-    mutable std::mutex mutex;
-    std::vector<std::string> errors;
-  };
-  std::shared_ptr<Sink> sink_;
-};
 
 // Rounds of an owner that watches a running player, then goes away. Each round a new owner
 // observes the player's time every millisecond and its current item (beside a crowd of other

@@ -165,7 +165,7 @@ TEST_F(VirtualPlayerTest, SeekCompletionRunsOnTheQueueThatAskedForIt) {
 }
 
 TEST_F(VirtualPlayerTest, ObserversAndDelegatesWithoutAQueueAreRefusedAndLogged) {
-  testing::LogCapture log;
+  testing::PlatformLogLines log;
   std::atomic<int> refusedCalls{0};
   auto a = item("a.mp3");
   std::vector<ObservationToken> refused = {
@@ -200,7 +200,7 @@ TEST_F(VirtualPlayerTest, ObserversAndDelegatesWithoutAQueueAreRefusedAndLogged)
   for (const char* call :
        {"QueuePlayer::addPeriodicTimeObserver", "QueuePlayer::observeCurrentItem",
         "PlayerItem::observeStatus", "PlayerItem::observeEvents", "ResourceLoader::setDelegate"}) {
-    EXPECT_EQ(log.errorsMentioning(call), 1u) << call;
+    EXPECT_EQ(log.count(call, LogType::Error), 1u) << call;
   }
   for (const auto& token : refused) token->invalidate();  // inert, but safe to use
 }

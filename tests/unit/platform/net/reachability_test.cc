@@ -36,6 +36,7 @@
 #include "platform/log/platform_log.h"
 #include "platform/net/netlink_route_monitor.h"
 #include "platform/net/reachability.h"
+#include "support/platform_log_lines.h"
 
 namespace sonorell {
 namespace {
@@ -59,38 +60,6 @@ class TempDir {
 
  private:
   std::filesystem::path path_;
-};
-
-// Every platform log line while it lives.
-class LogLines {
- public:
-  LogLines() : sink_(std::make_shared<Sink>()) { platform_log::setSink(sink_); }
-  ~LogLines() { platform_log::setSink(nullptr); }
-
-  size_t count(LogType type, std::string_view part) const {
-    std::lock_guard lock(sink_->mutex);
-    size_t n = 0;
-    for (const auto& [t, line] : sink_->lines) n += t == type && line.find(part) != line.npos;
-    return n;
-  }
-  std::string all() const {
-    std::lock_guard lock(sink_->mutex);
-    std::string text;
-    for (const auto& [t, line] : sink_->lines) text += line + "\n";
-    return text;
-  }
-
- private:
-  struct Sink : LogSink {
-    bool wants(LogType) const override { return true; }
-    void write(LogType type, std::string_view line) override {
-      std::lock_guard lock(mutex);
-      lines.emplace_back(type, std::string(line));
-    }
-    mutable std::mutex mutex;
-    std::vector<std::pair<LogType, std::string>> lines;
-  };
-  std::shared_ptr<Sink> sink_;
 };
 
 // ---- classification over fake trees
@@ -197,11 +166,11 @@ TEST(ReachabilityTest, ManualSourceChangesAreObserved) {
   std::vector<ConnectionType> seen;
   auto token = reachability->observe(DispatchQueue::create("io.sonorell.test.reach"),
                                      [&](ConnectionType t) { seen.push_back(t); });
-  LogLines log;
+  testing::PlatformLogLines log;
   std::atomic<int> refusedCalls{0};
   auto refused = reachability->observe(nullptr, [&](ConnectionType) { ++refusedCalls; });
   ASSERT_NE(refused, nullptr);
-  EXPECT_EQ(log.count(LogType::Error, "Reachability::observe"), 1u);
+  EXPECT_EQ(log.count("Reachability::observe", LogType::Error), 1u);
   manual->set(ConnectionType::Cellular);
   manual->set(ConnectionType::Cellular);  // no change, no notification
   manual->set(ConnectionType::None);
@@ -431,7 +400,7 @@ ConnectionType readThisNamespace() {
 
 TEST(NetlinkRouteMonitorTest, HearsDefaultRouteChangesGoesOnAfterAnOverrunAndMayEndItself) {
   SKIP_WITHOUT_ROUTE_CHANGES();
-  LogLines log;
+  testing::PlatformLogLines log;
   Calls calls;
   std::unique_ptr<LinkControl> control;
   std::unique_ptr<NetlinkRouteMonitor> monitor;
@@ -499,7 +468,7 @@ TEST(NetlinkRouteMonitorTest, HearsDefaultRouteChangesGoesOnAfterAnOverrunAndMay
   }
   calls.release();
   ASSERT_TRUE(calls.waitQuiet());
-  EXPECT_EQ(log.count(LogType::Info, "overran"), 1u) << log.all();
+  EXPECT_EQ(log.count("overran", LogType::Info), 1u) << log.all();
   mark = calls.count();
   ASSERT_EQ(control->addDefaultRoute("lo"), 0);
   ASSERT_TRUE(calls.waitForTypeAfter(mark, ConnectionType::WiFi));
@@ -517,7 +486,7 @@ TEST(NetlinkRouteMonitorTest, HearsDefaultRouteChangesGoesOnAfterAnOverrunAndMay
   ASSERT_EQ(control->addDefaultRoute("lo"), 0);
   EXPECT_TRUE(calls.waitQuiet());
   EXPECT_EQ(calls.count(), mark);
-  EXPECT_EQ(log.count(LogType::Error, "Reachability"), 0u) << log.all();
+  EXPECT_EQ(log.count("Reachability", LogType::Error), 0u) << log.all();
 }
 
 TEST(NetlinkRouteMonitorTest, NoCallOnceTheMonitorIsGoneWhileMessagesArrive) {
