@@ -177,34 +177,22 @@ void PulseSessionMonitor::onReady() {
   }
   // Everything once; the events keep it current from here on.
   queryServer();
-  ++pending_;
-  pa_operation* op = pa_context_get_sink_info_list(
+  inFlight(pa_context_get_sink_info_list(
       context_,
       [](pa_context*, const pa_sink_info* info, int eol, void* self) {
         auto* me = static_cast<PulseSessionMonitor*>(self);
         if (eol == 0) return me->onSink(info);
         me->queryDone();
       },
-      this);
-  if (op) {
-    pa_operation_unref(op);
-  } else {
-    --pending_;
-  }
-  ++pending_;
-  op = pa_context_get_sink_input_info_list(
+      this));
+  inFlight(pa_context_get_sink_input_info_list(
       context_,
       [](pa_context*, const pa_sink_input_info* info, int eol, void* self) {
         auto* me = static_cast<PulseSessionMonitor*>(self);
         if (eol == 0) return me->onSinkInput(info);
         me->queryDone();
       },
-      this);
-  if (op) {
-    pa_operation_unref(op);
-  } else {
-    --pending_;
-  }
+      this));
 }
 
 void PulseSessionMonitor::onLost() {
@@ -270,8 +258,7 @@ void PulseSessionMonitor::queryByIndex(InfoGetter<Info> get, uint32_t index) {
     uint32_t index;
   };
   auto query = std::make_unique<Query>(Query{this, index});
-  ++pending_;
-  pa_operation* op = get(
+  const bool asked = inFlight(get(
       context_, index,
       [](pa_context*, const Info* info, int eol, void* data) {
         auto* query = static_cast<Query*>(data);
@@ -281,13 +268,8 @@ void PulseSessionMonitor::queryByIndex(InfoGetter<Info> get, uint32_t index) {
         std::unique_ptr<Query> done(query);
         done->self->queryDone();
       },
-      query.get());
-  if (!op) {
-    --pending_;
-    return;
-  }
-  query.release();  // the last callback frees it
-  pa_operation_unref(op);
+      query.get()));
+  if (asked) query.release();  // the last callback frees it
 }
 
 void PulseSessionMonitor::querySink(uint32_t index) {
@@ -301,20 +283,22 @@ void PulseSessionMonitor::querySinkInput(uint32_t index) {
 }
 
 void PulseSessionMonitor::queryServer() {
-  ++pending_;
-  pa_operation* op = pa_context_get_server_info(
+  inFlight(pa_context_get_server_info(
       context_,
       [](pa_context*, const pa_server_info* info, void* self) {
         auto* me = static_cast<PulseSessionMonitor*>(self);
         if (info) me->onServer(info);
         me->queryDone();
       },
-      this);
-  if (op) {
-    pa_operation_unref(op);
-  } else {
-    --pending_;
-  }
+      this));
+}
+
+bool PulseSessionMonitor::inFlight(pa_operation* op) {
+  // Counted after the call: its callbacks run on this same loop, never before we return.
+  if (!op) return false;
+  ++pending_;
+  pa_operation_unref(op);
+  return true;
 }
 
 void PulseSessionMonitor::onSink(const pa_sink_info* info) {

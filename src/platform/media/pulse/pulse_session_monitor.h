@@ -79,6 +79,8 @@ class PulseSessionMonitor {
   void querySink(uint32_t index);
   void querySinkInput(uint32_t index);
   void queryServer();
+  // Counts a query libpulse accepted (one queryDone() to come); false when it refused it.
+  bool inFlight(pa_operation* op);
   void onSink(const pa_sink_info* info);
   void onSinkInput(const pa_sink_input_info* info);
   void onServer(const pa_server_info* info);
