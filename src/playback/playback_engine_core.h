@@ -169,6 +169,7 @@ class PlaybackEngineCore : public std::enable_shared_from_this<PlaybackEngineCor
   void unloadWithReason(QSOPlaybackUnloadedReason reason);
   void audioSessionEvent(const AudioSessionEvent& event);
   void interruption(const AudioSessionEvent& event);
+  void pauseForInterruption();
   void routeChange(const AudioSessionEvent& event);
   void mediaServicesReset();
   void updateCurrentPlaying(const ItemPtr& item);
@@ -221,6 +222,8 @@ class PlaybackEngineCore : public std::enable_shared_from_this<PlaybackEngineCor
   bool playbackStartedFlag_ = false;
   bool streamingPlaybackActive_ = false;
   bool interruptionPause_ = false;
+  // An interruption began while the chapter was loading: it pauses as soon as playback starts.
+  bool interruptionWhileLoading_ = false;
   bool haltCurrentPlayingUpdates_ = false;
   float currentRate_ = 1.0f;
   QSOPlayerStatus playerStatus_ = QSOPlayerStatusUnloaded;

@@ -2,6 +2,7 @@
 // chapter loaded, started, ended and failed, stalls waited out for a bounded time, retirement of
 // finished items, unloading, interruptions, route changes and a reset of the media services.
 #include <algorithm>
+#include <utility>
 
 #include "core/logging.h"
 #include "core/notification_poster.h"
@@ -350,6 +351,12 @@ void PlaybackEngineCore::playbackStarted() {
   Dictionary context;
   context.emplace(std::string(QSOPlaybackStreamingUserInfoKey), streaming);
   sendChapterEvent(QSOPlaybackChapterStartedNotification, std::move(context));
+  bool interrupted;
+  {
+    std::lock_guard lock(mutex_);
+    interrupted = std::exchange(interruptionWhileLoading_, false);
+  }
+  if (interrupted) pauseForInterruption();
 }
 
 // ---- the end of a chapter
@@ -562,6 +569,7 @@ void PlaybackEngineCore::unloadWithReason(QSOPlaybackUnloadedReason reason) {
   {
     std::lock_guard lock(mutex_);
     interruptionOffset_ = 0;
+    interruptionWhileLoading_ = false;
     streamingPlaybackActive_ = false;
     stalled_ = false;
     currentStallIdentifier_.reset();
@@ -607,23 +615,22 @@ void PlaybackEngineCore::interruption(const AudioSessionEvent& event) {
   LogEngineInfo("[PlaybackEngine] Audio interrupt notification received (%@) (%@)",
                 began ? "Begin" : "End", suspended ? "Yes" : "No");
   if (began) {
-    if (suspended || playerStatus() != QSOPlayerStatusPlaying) return;
-    const uint64_t offset = currentOffset();
+    if (suspended) return;
     {
+      // A call that starts as a chapter loads would have it play unheard.
       std::lock_guard lock(mutex_);
-      interruptionPause_ = true;
-      interruptionOffset_ = offset;
-      playerStatus_ = QSOPlayerStatusPaused;
+      if (playerStatus_ == QSOPlayerStatusLoading) {
+        interruptionWhileLoading_ = true;
+        return;
+      }
     }
-    sendChapterEvent(
-        QSOPlaybackChapterPausedNotification,
-        withContext(QSOPlaybackChapterPausedUserInfoKey, QSOPlaybackPausedContextInterruption));
-    playerSetRate(0, false);
+    if (playerStatus() == QSOPlayerStatusPlaying) pauseForInterruption();
     return;
   }
   uint64_t offset;
   {
     std::lock_guard lock(mutex_);
+    interruptionWhileLoading_ = false;
     // Only a pause made by the interruption is undone by its end.
     if (!interruptionPause_) return;
     offset = interruptionOffset_;
@@ -634,6 +641,20 @@ void PlaybackEngineCore::interruption(const AudioSessionEvent& event) {
   if (activateAudioSessionOrFail()) {
     onInput([](PlaybackEngineCore& self) { self.doResume(); });
   }
+}
+
+void PlaybackEngineCore::pauseForInterruption() {
+  const uint64_t offset = currentOffset();
+  {
+    std::lock_guard lock(mutex_);
+    interruptionPause_ = true;
+    interruptionOffset_ = offset;
+    playerStatus_ = QSOPlayerStatusPaused;
+  }
+  sendChapterEvent(
+      QSOPlaybackChapterPausedNotification,
+      withContext(QSOPlaybackChapterPausedUserInfoKey, QSOPlaybackPausedContextInterruption));
+  playerSetRate(0, false);
 }
 
 void PlaybackEngineCore::routeChange(const AudioSessionEvent& event) {

@@ -428,7 +428,7 @@ void PlaybackEngineCore::doPause() {
     resumeFromUserRequestedLoad_ = false;
     playerStatus_ = QSOPlayerStatusPaused;
     // The user's pause wins over an interruption under way: its end must not resume.
-    interruptionPause_ = false;
+    interruptionPause_ = interruptionWhileLoading_ = false;
     interruptionOffset_ = 0;
   }
   Dictionary context;

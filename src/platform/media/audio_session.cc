@@ -77,6 +77,15 @@ void AudioSession::raiseInterruption(AudioSessionInterruptionType type,
   observers_.notify(event);
 }
 
+void AudioSession::raiseServerInterruption(AudioSessionInterruptionType type) {
+  {
+    std::lock_guard lock(mutex_);
+    if (serverInterruption_ == type) return;
+    serverInterruption_ = type;
+  }
+  raiseInterruption(type, false);
+}
+
 void AudioSession::raiseRouteChange(AudioSessionRouteChangeReason reason) {
   AudioSessionEvent event;
   event.kind = AudioSessionEvent::Kind::RouteChange;
@@ -86,6 +95,10 @@ void AudioSession::raiseRouteChange(AudioSessionRouteChangeReason reason) {
 }
 
 void AudioSession::raiseMediaServicesReset() {
+  {
+    std::lock_guard lock(mutex_);
+    serverInterruption_ = AudioSessionInterruptionType::Ended;
+  }
   AudioSessionEvent event;
   event.kind = AudioSessionEvent::Kind::MediaServicesReset;
   observers_.notify(event);

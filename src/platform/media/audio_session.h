@@ -72,7 +72,12 @@ class AudioSession {
 
   void raiseInterruption(AudioSessionInterruptionType type,
                          std::optional<bool> wasSuspended = std::nullopt);
+  // The sound server interrupting our stream for a call. It reaches us two ways (a cork request
+  // to the stream, and the stream muted under the call), so only a change is raised, as an
+  // interruption that was not a suspension.
+  void raiseServerInterruption(AudioSessionInterruptionType type);
   void raiseRouteChange(AudioSessionRouteChangeReason reason);
+  // Also ends a server interruption under way: the streams it was about are gone.
   void raiseMediaServicesReset();
 
   // Every event, on `queue`. A null queue is refused (see observation.h).
@@ -87,6 +92,7 @@ class AudioSession {
   bool active_ = false;
   ActivationHandler activationHandler_;
   AudioSessionRoute route_{{{std::string(kAudioSessionPortBuiltInSpeaker), "Speaker"}}};
+  AudioSessionInterruptionType serverInterruption_ = AudioSessionInterruptionType::Ended;
   ObserverList<AudioSessionEvent> observers_;
 };
 

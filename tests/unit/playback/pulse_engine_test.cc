@@ -2,8 +2,8 @@
 // directory, skipped with the reason where it cannot start), streaming a 13-second chapter from
 // the reference server through GStreamer's pulsesink: the output device going away while playing
 // pauses with context 3 and stops the player, and while paused posts nothing; a call corking our
-// stream pauses with context 2 and its end resumes at the saved offset; a server that dies and
-// comes back reallocates the player at the same offset.
+// stream, or muting it while it starts, pauses with context 2 and its end resumes at the saved
+// offset; a server that dies and comes back reallocates the player at the same offset.
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -173,6 +173,30 @@ TEST_F(EngineOnPulseAudio, ACallCorkingOurStreamPausesWithContext2AndItsEndResum
   EXPECT_LE(resumedAt, saved + 1);
   EXPECT_TRUE(testing::eventually([&] { return playback->currentOffset() > saved + 1; }));
   EXPECT_FALSE(corked());
+  EXPECT_EQ(pauseContexts().size(), 1u);
+}
+
+TEST_F(EngineOnPulseAudio, ACallThatStartsWhileOurStreamStartsPausesItAsSoonAsItPlays) {
+  playback->playForAudiobookID(kChapter.audiobookID(), kChapter.partNumber(),
+                               kChapter.chapterNumber(), 0, "session", "license-2001");
+  // The stream exists but is still corked for preroll: the server will only mute it.
+  ASSERT_TRUE(testing::eventually([&] { return ourStream().has_value(); }));
+  pid_t call = daemon_.startClient("phone", "headphones");
+  ASSERT_GT(call, 0);
+  ASSERT_TRUE(testing::eventually([&] { return !pauseContexts().empty(); }))
+      << daemon_.pactl({"list", "sink-inputs"}).out;
+  EXPECT_EQ(pauseContexts(), std::vector<uint64_t>{QSOPlaybackPausedContextInterruption});
+  EXPECT_EQ(playback->playerStatus(), QSOPlayerStatusPaused);
+  // Little was played unheard, and that is where the end of the call resumes.
+  const uint64_t saved = playback->currentOffset();
+  EXPECT_LE(saved, 1u);
+  ASSERT_TRUE(testing::eventually([&] { return corked(); }));
+
+  testing::killAndReap(call);
+  ASSERT_TRUE(
+      testing::eventually([&] { return playback->playerStatus() == QSOPlayerStatusPlaying; }));
+  EXPECT_LE(playback->currentOffset(), saved + 1);
+  EXPECT_TRUE(testing::eventually([&] { return playback->currentOffset() > saved + 1; }));
   EXPECT_EQ(pauseContexts().size(), 1u);
 }
 

@@ -846,9 +846,8 @@ void GstQueuePlayer::onStateRequest(void* messagePtr) {
   media_log::emit(LogType::Info, std::string("[Media] the sound server asks to ") +
                                      (state == GST_STATE_PAUSED ? "cork" : "uncork") +
                                      " our stream");
-  session->raiseInterruption(state == GST_STATE_PAUSED ? AudioSessionInterruptionType::Began
-                                                       : AudioSessionInterruptionType::Ended,
-                             false);
+  session->raiseServerInterruption(state == GST_STATE_PAUSED ? AudioSessionInterruptionType::Began
+                                                             : AudioSessionInterruptionType::Ended);
 }
 
 bool GstQueuePlayer::onOutputLost(void* sourcePtr) {

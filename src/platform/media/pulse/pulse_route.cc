@@ -158,4 +158,8 @@ bool suspendedUnderStream(const ServerState& state) {
   return it != state.sinks.end() && it->second.suspended;
 }
 
+bool silencedByCall(const ServerState& state) {
+  return state.streamSink && state.streamMuted && state.callSinks.contains(*state.streamSink);
+}
+
 }  // namespace sonorell::pulse

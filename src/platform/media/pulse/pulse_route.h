@@ -1,12 +1,13 @@
 // What the sound server says about where our audio goes, as plain values: the sinks, the default
-// sink and the sink our playback stream is on. The audio session's decisions (which port type the
-// route has, why it changed, whether the device was suspended under us) are pure functions of two
-// such snapshots, so they can be checked without a server. No state of its own.
+// sink, the sink our playback stream is on and where calls play. The audio session's decisions
+// (which port type the route has, why it changed, whether the device was suspended or a call
+// silenced us) are pure functions of such snapshots, so they can be checked without a server.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -59,6 +60,9 @@ struct ServerState {
   // The sink our playback stream is on, when we have one, and whether it is running (uncorked).
   std::optional<uint32_t> streamSink;
   bool streamRunning = false;
+  bool streamMuted = false;
+  // The sinks a call (a stream of the "phone" role) plays on.
+  std::set<uint32_t> callSinks;
 
   // The sink the route is about: our stream's, else the default one. Null when neither exists.
   const Sink* routeSink() const;
@@ -81,5 +85,10 @@ std::optional<AudioSessionRouteChangeReason> routeChangeReason(const ServerState
 // The device under our running stream was suspended by the server (it took the device away, as
 // pasuspender or a sound server handing the card to another does).
 bool suspendedUnderStream(const ServerState& state);
+
+// A call on our stream's sink has it muted. The server's role policy asks a running stream to
+// cork, but one that was still starting (corked for preroll) is only muted, and would play on
+// unheard through the call.
+bool silencedByCall(const ServerState& state);
 
 }  // namespace sonorell::pulse

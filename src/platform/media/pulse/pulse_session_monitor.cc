@@ -216,9 +216,10 @@ void PulseSessionMonitor::onLost() {
     baseline_ = false;
     sinks_.clear();
     streams_.clear();
+    calls_.clear();
     defaultSink_.clear();
     pending_ = 0;
-    suspensionRaised_ = false;
+    suspensionRaised_ = callRaised_ = false;
   }
   scheduleRetry();
 }
@@ -238,7 +239,7 @@ void PulseSessionMonitor::onEvent(uint32_t type, uint32_t index) {
       break;
     case PA_SUBSCRIPTION_EVENT_SINK_INPUT:
       if (removed) {
-        if (streams_.erase(index) > 0) evaluate();
+        if (streams_.erase(index) + calls_.erase(index) > 0) evaluate();
       } else {
         querySinkInput(index);
       }
@@ -323,8 +324,11 @@ void PulseSessionMonitor::onSink(const pa_sink_info* info) {
 }
 
 void PulseSessionMonitor::onSinkInput(const pa_sink_input_info* info) {
-  if (!isOurs(info)) return;
-  streams_[info->index] = OurStream{info->sink, info->corked != 0};
+  if (isOurs(info)) {
+    streams_[info->index] = OurStream{info->sink, info->corked != 0, info->mute != 0};
+  } else if (prop(info->proplist, PA_PROP_MEDIA_ROLE) == kCallRole) {
+    calls_[info->index] = info->sink;
+  }
 }
 
 void PulseSessionMonitor::onServer(const pa_server_info* info) {
@@ -345,8 +349,10 @@ ServerState PulseSessionMonitor::snapshot() const {
     if (!state.streamSink || (!stream.corked && !state.streamRunning)) {
       state.streamSink = stream.sink;
       state.streamRunning = !stream.corked;
+      state.streamMuted = stream.muted;
     }
   }
+  for (const auto& [index, sink] : calls_) state.callSinks.insert(sink);
   return state;
 }
 
@@ -388,6 +394,17 @@ void PulseSessionMonitor::evaluate() {
   } else if (!suspended && suspensionRaised_) {
     suspensionRaised_ = false;
     session_->raiseInterruption(AudioSessionInterruptionType::Ended, true);
+  }
+  // Raised once our stream runs: the engine pauses only what plays. It stays raised while the
+  // engine's pause corks the stream, until the call lets it go.
+  const bool silenced = silencedByCall(now);
+  if (silenced && now.streamRunning && !callRaised_) {
+    callRaised_ = true;
+    log(LogType::Info, "a call silenced our stream");
+    session_->raiseServerInterruption(AudioSessionInterruptionType::Began);
+  } else if (!silenced && callRaised_) {
+    callRaised_ = false;
+    session_->raiseServerInterruption(AudioSessionInterruptionType::Ended);
   }
   told_ = now;
 }

@@ -1,9 +1,10 @@
 // The audio session on a PulseAudio (or pipewire-pulse) server: one client connection on its own
 // libpulse thread watches the sinks, the default sink and our playback stream, and raises on the
 // AudioSession what the engine reacts to: the current route, route changes (with their reason),
-// a suspension of the device under our stream, and a media-services reset when the connection
-// was lost and has come back. Cork requests for our stream reach the session through the
-// GStreamer backend (the server sends them to the stream's own connection, not to ours).
+// a suspension of the device under our stream, a call that silenced our stream, and a
+// media-services reset when the connection was lost and has come back. Cork requests for our
+// stream reach the session through the GStreamer backend (the server sends them to the stream's
+// own connection, not to ours).
 // All state below is touched only on the libpulse thread (callbacks, or under its loop lock).
 #pragma once
 
@@ -58,6 +59,7 @@ class PulseSessionMonitor {
   struct OurStream {
     uint32_t sink = 0;
     bool corked = false;
+    bool muted = false;
   };
 
   PulseSessionMonitor(std::shared_ptr<AudioSession> session, Options options);
@@ -97,6 +99,7 @@ class PulseSessionMonitor {
   // The server as last read; what the session was last told about.
   std::map<uint32_t, Sink> sinks_;
   std::map<uint32_t, OurStream> streams_;
+  std::map<uint32_t, uint32_t> calls_;  // a call's sink input → its sink
   std::string defaultSink_;
   ServerState told_;
   int pending_ = 0;        // queries in flight; decisions wait until none are
@@ -104,6 +107,7 @@ class PulseSessionMonitor {
   bool everConnected_ = false;
   bool resetOwed_ = false;  // the connection was lost: say so once it is back
   bool suspensionRaised_ = false;
+  bool callRaised_ = false;
 
   // The first connection's outcome, for start().
   mutable std::mutex startMutex_;

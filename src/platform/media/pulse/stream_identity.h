@@ -14,5 +14,7 @@ inline constexpr std::string_view kDefaultApplicationName = "Sonorell";
 inline constexpr std::string_view kStreamIconName = "audio-x-generic";
 // Spoken-word listening is ducked and corked like music by the servers' role policies.
 inline constexpr std::string_view kStreamRole = "music";
+// The role of the streams that take over from it: a call.
+inline constexpr std::string_view kCallRole = "phone";
 
 }  // namespace sonorell::pulse

@@ -265,8 +265,8 @@ TEST_F(PulseSessionTest, TheRouteFollowsTheDefaultSinkAndDevicesThatComeAndGo) {
 TEST_F(PulseSessionTest, OurStreamIsNamedForMixersAndACallCorkingItIsAnInterruption) {
   watch();
   play();
-  // The call starts once our stream plays: one still corked for preroll is only muted by the
-  // server, never asked to cork.
+  // The call starts once our stream plays, so the server both mutes it and asks it to cork: the
+  // session raises one interruption for the two.
   ASSERT_TRUE(eventually([&] {
     auto stream = ourStream();
     return stream && stream->second.find("Corked: no") != std::string::npos;
