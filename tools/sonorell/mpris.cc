@@ -427,4 +427,21 @@ MprisPlayer::~MprisPlayer() {
 
 const std::string& MprisPlayer::busName() const { return state_->busName; }
 
+void MprisPlayer::setAlbum(std::string title) {
+  struct Change {
+    State* state;
+    std::string title;
+  };
+  g_main_context_invoke_full(
+      state_->context, G_PRIORITY_DEFAULT,
+      [](gpointer data) -> gboolean {
+        auto* change = static_cast<Change*>(data);
+        change->state->book.title = std::move(change->title);
+        change->state->refresh();
+        return G_SOURCE_REMOVE;
+      },
+      new Change{state_.get(), std::move(title)},
+      [](gpointer data) { delete static_cast<Change*>(data); });
+}
+
 }  // namespace sonorell::cli

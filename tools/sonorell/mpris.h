@@ -18,7 +18,7 @@ class MprisPlayer {
  public:
   struct Book {
     std::string id;
-    std::string title;  // shown as the album; the chapter is the track
+    std::string title;  // shown as the album (the ID until known); the chapter is the track
   };
 
   // Registers the player; null when there is no session bus ($DBUS_SESSION_BUS_ADDRESS, or the
@@ -30,6 +30,8 @@ class MprisPlayer {
   MprisPlayer& operator=(const MprisPlayer&) = delete;
 
   const std::string& busName() const;
+  // The book's title, once the catalogue has it; listeners are told.
+  void setAlbum(std::string title);
 
   struct State;  // the GLib side; defined with the implementation
 

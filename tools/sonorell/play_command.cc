@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <thread>
 
 #include "audio_output.h"
+#include "catalogue.h"
 #include "commands.h"
 #include "mpris.h"
 #include "progress_view.h"
@@ -159,12 +161,17 @@ int runPlay(Session& session, const PlayArgs& args) {
   player->setWifiOnly(args.wifiOnly);
   session.line("playing " + book + " part " + std::to_string(*chapter.part) + " chapter " +
                std::to_string(*chapter.chapter) + " to " + output.description);
-  std::string title;
-  if (auto stored = QSOPersistenceEngine::sharedEngine()->audiobookForID(book)) {
-    title = stored->title();
-  }
-  const auto mpris = MprisPlayer::start(player, {book, title});
+  const auto mpris = MprisPlayer::start(player, {book, ""});
   if (mpris && session.options().verbose) session.line("media keys: " + mpris->busName());
+  // The widget shows the title once the catalogue has it; playback does not wait for it.
+  std::jthread titleLookUp;
+  if (mpris) {
+    titleLookUp = std::jthread([&mpris, &session, &book] {
+      if (auto title = catalogueTitle(session.options(), book); !title.empty()) {
+        mpris->setAlbum(std::move(title));
+      }
+    });
+  }
   player->playForAudiobookID(book, *chapter.part, *chapter.chapter,
                              static_cast<uint64_t>(std::llround(args.offset)),
                              session.options().sessionKey, session.options().licenseID);
