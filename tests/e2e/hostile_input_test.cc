@@ -6,9 +6,9 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <random>
 
 #include "library_checks.h"
+#include "support/damaged_files.h"
 #include "support/raw_sqlite.h"
 #include "world.h"
 
@@ -245,11 +245,6 @@ fs::path storeFile(const World& world, Store store) {
   return {};
 }
 
-std::string readAll(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
 class DamagedStores : public ::testing::TestWithParam<DamagedStore> {
  protected:
   void SetUp() override {
@@ -261,18 +256,10 @@ class DamagedStores : public ::testing::TestWithParam<DamagedStore> {
   // directory where the file should be. Returns the damaged bytes (empty for unreadable).
   std::string damage(const fs::path& file, Damage how) {
     switch (how) {
-      case Damage::kTruncated: {
-        const auto size = fs::file_size(file);
-        fs::resize_file(file, size / 2);
-        return readAll(file);
-      }
-      case Damage::kGarbage: {
-        std::mt19937_64 random(17);
-        std::string bytes(64 * 1024, '\0');
-        for (auto& b : bytes) b = static_cast<char>(random());
-        std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
-        return bytes;
-      }
+      case Damage::kTruncated:
+        return sonorell::testing::truncateInHalf(file);
+      case Damage::kGarbage:
+        return sonorell::testing::fillWithGarbage(file, 17);
       case Damage::kUnreadable:
         if (::geteuid() != 0) {
           fs::permissions(file, fs::perms::none);
@@ -328,15 +315,11 @@ TEST_P(DamagedStores, StartUpCopesWithADocumentedCodeOrALogLineAndTouchesNothing
   if (c.store != Store::kStatusDatabase) expectDownloadedChaptersKept(world_, kVictim, victim);
   // A damaged SQLite file is kept aside byte for byte.
   if (file.extension() == ".sqlite" && c.damage != Damage::kUnreadable) {
-    const std::string prefix = file.filename().string() + ".unreadable-";
-    bool kept = false;
-    for (const auto& entry : fs::directory_iterator(file.parent_path())) {
-      const auto name = entry.path().filename().string();
-      if (name.starts_with(prefix) && !name.ends_with("-wal")) {
-        kept |= readAll(entry.path()) == damaged;
-      }
-    }
-    EXPECT_TRUE(kept) << "the damaged " << file.filename() << " was not kept aside as it was";
+    const auto kept = sonorell::testing::keptAside(file);
+    EXPECT_TRUE(
+        std::any_of(kept.begin(), kept.end(),
+                    [&](const fs::path& k) { return sonorell::testing::readBytes(k) == damaged; }))
+        << "the damaged " << file.filename() << " was not kept aside as it was";
   }
 }
 

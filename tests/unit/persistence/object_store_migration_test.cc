@@ -1,14 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "model/value_transformers.h"
 #include "object_store_fixture.h"
 #include "persistence/store_migrations.h"
+#include "support/damaged_files.h"
 #include "support/raw_sqlite.h"
 
 namespace sonorell::testing {
@@ -121,11 +119,6 @@ struct DamagedStore {
 
 void PrintTo(const DamagedStore& c, std::ostream* out) { *out << c.name; }
 
-std::string readAll(const std::filesystem::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 class DamagedObjectStore : public ObjectStoreTest,
                            public ::testing::WithParamInterface<DamagedStore> {
  protected:
@@ -134,41 +127,21 @@ class DamagedObjectStore : public ObjectStoreTest,
     const auto path = storePath();
     std::filesystem::create_directories(path.parent_path());
     switch (how) {
-      case Damage::kGarbage: {
-        std::mt19937_64 random(7);
-        std::string bytes(64 * 1024, '\0');
-        for (auto& b : bytes) b = static_cast<char>(random());
-        std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-        return bytes;
-      }
+      case Damage::kGarbage:
+        return fillWithGarbage(path, 7);
       case Damage::kTruncated: {
         // A real store with enough books to span many pages, all of it in the main file.
         auto earlier = std::make_shared<QSOPersistenceEngine>();
         setUpOnMain(earlier);
         for (int i = 0; i < 50; ++i) earlier->addAudiobook(book(std::to_string(i), "Book"));
         earlier.reset();
-        RawSqlite(path).exec("PRAGMA wal_checkpoint(TRUNCATE)");
-        std::filesystem::remove(path.string() + "-wal");
-        std::filesystem::remove(path.string() + "-shm");
-        std::filesystem::resize_file(path, std::filesystem::file_size(path) / 2);
-        return readAll(path);
+        return truncateInHalf(path);
       }
       case Damage::kDirectory:
         std::filesystem::create_directory(path);
         return {};
     }
     return {};
-  }
-
-  // The files kept beside the store under its "unreadable" name (without their logs).
-  std::vector<std::filesystem::path> keptAside() const {
-    std::vector<std::filesystem::path> kept;
-    const std::string prefix = storePath().filename().string() + ".unreadable-";
-    for (const auto& entry : std::filesystem::directory_iterator(storePath().parent_path())) {
-      const auto name = entry.path().filename().string();
-      if (name.starts_with(prefix) && !name.ends_with("-wal")) kept.push_back(entry.path());
-    }
-    return kept;
   }
 };
 
@@ -181,16 +154,16 @@ TEST_P(DamagedObjectStore, IsKeptAsideForANewStoreUnlessItCannotBeOpenedAtAll) {
     EXPECT_EQ(store()->audiobooksCount(), 0u);
     EXPECT_EQ(logged("the store could not be opened"), 1u);
     EXPECT_TRUE(std::filesystem::is_directory(storePath()));
-    EXPECT_TRUE(keptAside().empty());
+    EXPECT_TRUE(keptAside(storePath()).empty());
     return;
   }
   EXPECT_EQ(logged("[QSOPersistenceEngine] " + storePath().string() +
                    " is not a database; kept as " + storePath().string() + ".unreadable-"),
             1u);
   EXPECT_EQ(logged("Error creating persistence engine store"), 0u);
-  const auto kept = keptAside();
+  const auto kept = keptAside(storePath());
   ASSERT_EQ(kept.size(), 1u);
-  EXPECT_TRUE(readAll(kept[0]) == damaged) << "the damaged bytes were not kept as they were";
+  EXPECT_TRUE(readBytes(kept[0]) == damaged) << "the damaged bytes were not kept as they were";
 
   // The new store works from the same run on, and what it saved is on disk for the next one.
   EXPECT_EQ(store()->audiobooksCount(), 0u);

@@ -7,10 +7,10 @@
 
 #include <algorithm>
 #include <future>
-#include <random>
 
 #include "platform/log/platform_log.h"
 #include "support/child_process.h"
+#include "support/damaged_files.h"
 #include "support/platform_log_lines.h"
 #include "support/raw_sqlite.h"
 #include "transfer_test_support.h"
@@ -253,13 +253,8 @@ class DamagedJournals : public TransferResumption,
   std::string damage(JournalDamage how) {
     std::filesystem::create_directories(journal().parent_path());
     switch (how) {
-      case JournalDamage::kGarbage: {
-        std::mt19937_64 random(11);
-        std::string bytes(64 * 1024, '\0');
-        for (auto& b : bytes) b = static_cast<char>(random());
-        std::ofstream(journal(), std::ios::binary | std::ios::trunc) << bytes;
-        return bytes;
-      }
+      case JournalDamage::kGarbage:
+        return fillWithGarbage(journal(), 11);
       case JournalDamage::kTruncated: {
         // A journal an earlier run wrote, all of it in the main file, cut in half.
         startService();
@@ -268,28 +263,13 @@ class DamagedJournals : public TransferResumption,
         earlier.reset();
         service.reset();
         EXPECT_TRUE(DispatchQueue::waitUntilAllIdle(std::chrono::seconds(30)));
-        RawSqlite(journal()).exec("PRAGMA wal_checkpoint(TRUNCATE)");
-        std::filesystem::remove(journal().string() + "-wal");
-        std::filesystem::remove(journal().string() + "-shm");
-        std::filesystem::resize_file(journal(), std::filesystem::file_size(journal()) / 2);
-        return readFile(journal());
+        return truncateInHalf(journal());
       }
       case JournalDamage::kDirectory:
         std::filesystem::create_directory(journal());
         return {};
     }
     return {};
-  }
-
-  // The files kept beside the journal under its "unreadable" name (without their logs).
-  std::vector<std::filesystem::path> keptAside() const {
-    std::vector<std::filesystem::path> kept;
-    const std::string prefix = journal().filename().string() + ".unreadable-";
-    for (const auto& entry : std::filesystem::directory_iterator(journal().parent_path())) {
-      const auto name = entry.path().filename().string();
-      if (name.starts_with(prefix) && !name.ends_with("-wal")) kept.push_back(entry.path());
-    }
-    return kept;
   }
 };
 
@@ -304,7 +284,7 @@ TEST_P(DamagedJournals, AreKeptAsideAndTheNewJournalResumesTransfersUnlessItCann
     EXPECT_EQ(TransferService::create(std::move(options), &error), nullptr);
     EXPECT_TRUE(error);
     EXPECT_TRUE(std::filesystem::is_directory(journal()));
-    EXPECT_TRUE(keptAside().empty());
+    EXPECT_TRUE(keptAside(journal()).empty());
     EXPECT_EQ(log.count("is not a database"), 0u);
     return;
   }
@@ -313,7 +293,7 @@ TEST_P(DamagedJournals, AreKeptAsideAndTheNewJournalResumesTransfersUnlessItCann
   EXPECT_EQ(log.count("[TransferService] " + journal().string() + " is not a database; kept as " +
                       journal().string() + ".unreadable-"),
             1u);
-  const auto kept = keptAside();
+  const auto kept = keptAside(journal());
   ASSERT_EQ(kept.size(), 1u);
   EXPECT_TRUE(readFile(kept[0]) == damaged) << "the damaged bytes were not kept as they were";
   EXPECT_TRUE(service->journaledSessionIdentifiers().empty());
