@@ -341,6 +341,25 @@ TEST_F(PlaybackEngine, AnInterruptionPausesAndItsEndResumesUnlessTheUserPaused) 
   EXPECT_EQ(unloadReasons().back(), 2u);
 }
 
+TEST_F(PlaybackEngine, AnInterruptionThatBeginsAsTheChapterLoadsPausesItOnceItStarts) {
+  auto& engine = virtualEngine();
+  engine.playForAudiobookID("2001", 1, 8, 0, "session", "license-2001");
+  ASSERT_TRUE(playing());
+  ASSERT_EQ(engine.playerStatus(), QSOPlayerStatusLoading);
+  session->raiseInterruption(AudioSessionInterruptionType::Began);
+  advance(0.6);
+  EXPECT_EQ(count(QSOPlaybackChapterStartedNotification), 1u);
+  EXPECT_EQ(pauseContexts(), (std::vector<uint64_t>{2}));
+  EXPECT_EQ(engine.playerStatus(), QSOPlayerStatusPaused);
+  const auto offset = engine.currentOffset();
+  advance(2.0);
+  EXPECT_EQ(engine.currentOffset(), offset) << "the player stopped";
+  session->raiseInterruption(AudioSessionInterruptionType::Ended);
+  advance(1.5);
+  EXPECT_EQ(engine.playerStatus(), QSOPlayerStatusPlaying);
+  EXPECT_GT(engine.currentOffset(), offset);
+}
+
 TEST_F(PlaybackEngine, TheListeningMethodFollowsTheOutputPort) {
   using Core = PlaybackEngineCore;
   EXPECT_EQ(Core::listeningMethodForPortType("Speaker"), QSOListeningMethodSpeaker);
