@@ -98,6 +98,8 @@ std::string QSODatabaseManager::errorMessage() const {
 void QSODatabaseManager::openDatabaseConnection() {
   FilesystemHelper::createSupportDirectory();
   const std::string path = databasePath();
+  std::error_code absent;
+  const bool created = !std::filesystem::exists(path, absent) && !absent;
   if (sqlite3_open(path.c_str(), &database_) != SQLITE_OK) {
     LogEngineError("[QSODatabaseManager] Error opening database: %@", errorMessage());
   }
@@ -125,8 +127,11 @@ void QSODatabaseManager::openDatabaseConnection() {
     // Commits are not synced one by one (each chapter makes several): a process killed at any
     // point loses none of them, and what a power cut takes back, start-up verification puts
     // right from the files on disk.
-    sqlite3_exec(database_, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL", nullptr,
-                 nullptr, nullptr);
+    // A file made just now holds nothing yet: turning it to WAL need not sync it, its directory
+    // and a rollback journal (a file cut short by a power cut is kept aside at the next start).
+    if (created) sqlite3_exec(database_, "PRAGMA synchronous=OFF", nullptr, nullptr, nullptr);
+    sqlite3_exec(database_, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL", nullptr, nullptr,
+                 nullptr);
     sqlite3_busy_timeout(database_, 5000);
   }
   usable_ = database_ && versionMigrationAndSetup();

@@ -61,16 +61,19 @@ std::string text(sqlite3_stmt* statement, int column) {
                : std::string();
 }
 
-// A prepared statement with bound values, finalised when it goes out of scope.
+// One of the journal's prepared statements with values bound for one use; reset (and kept for
+// the next use) when it goes out of scope. Used with the journal's mutex held.
 class Statement {
  public:
-  Statement(sqlite3* db, const char* sql) : db_(db) {
-    if (sqlite3_prepare_v2(db, sql, -1, &statement_, nullptr) != SQLITE_OK) {
-      transfer_log::error("[TransferJournal] prepare failed: %s", sqlite3_errmsg(db));
-      statement_ = nullptr;
+  Statement(sqlite3* db, sqlite3_stmt* statement) : db_(db), statement_(statement) {}
+  ~Statement() {
+    if (statement_) {
+      sqlite3_reset(statement_);
+      sqlite3_clear_bindings(statement_);
     }
   }
-  ~Statement() { sqlite3_finalize(statement_); }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
   Statement& bind(const std::string& value) {
     if (statement_) {
       sqlite3_bind_text(statement_, ++index_, value.data(), static_cast<int>(value.size()),
@@ -97,7 +100,7 @@ class Statement {
 
  private:
   sqlite3* db_;
-  sqlite3_stmt* statement_ = nullptr;
+  sqlite3_stmt* statement_;
   int index_ = 0;
 };
 
@@ -106,6 +109,8 @@ class Statement {
 std::unique_ptr<TransferJournal> TransferJournal::open(const std::filesystem::path& file,
                                                        ErrorPtr* error, bool* notADatabase) {
   if (notADatabase) *notADatabase = false;
+  std::error_code ec;
+  const bool created = !std::filesystem::exists(file, ec) && !ec;
   sqlite3* db = nullptr;
   int rc =
       sqlite3_open_v2(file.c_str(), &db,
@@ -126,7 +131,10 @@ std::unique_ptr<TransferJournal> TransferJournal::open(const std::filesystem::pa
   // nearly full disk takes the room that chapters need. The pragmas are the first read of the
   // file and the schema reads all of its description, so a file that is not a database, or is
   // damaged there, fails here.
-  if (!journal->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; "
+  // A file made just now holds nothing yet: turning it to WAL need not sync it, its directory
+  // and a rollback journal (a file cut short by a power cut is kept aside like any damaged one).
+  if ((created && !journal->exec("PRAGMA synchronous=OFF")) ||
+      !journal->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; "
                      "PRAGMA wal_autocheckpoint=64; PRAGMA journal_size_limit=262144;") ||
       !journal->exec(kSchema)) {
     const int code = sqlite3_errcode(db) & 0xff;
@@ -141,7 +149,25 @@ std::unique_ptr<TransferJournal> TransferJournal::open(const std::filesystem::pa
   return journal;
 }
 
-TransferJournal::~TransferJournal() { sqlite3_close(db_); }
+TransferJournal::~TransferJournal() {
+  for (auto& [sql, statement] : statements_) sqlite3_finalize(statement);
+  sqlite3_close(db_);
+}
+
+sqlite3_stmt* TransferJournal::prepared(const char* sql) {
+  // Every statement's text is fixed and its values bound, so one preparation serves every use:
+  // a chapter's transfer writes the journal half a dozen times.
+  if (auto it = statements_.find(sql); it != statements_.end()) return it->second;
+  sqlite3_stmt* statement = nullptr;
+  if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr) !=
+      SQLITE_OK) {
+    transfer_log::error("[TransferJournal] prepare failed: %s", sqlite3_errmsg(db_));
+    sqlite3_finalize(statement);
+    return nullptr;
+  }
+  statements_.emplace(sql, statement);
+  return statement;
+}
 
 bool TransferJournal::exec(const char* sql) {
   char* message = nullptr;
@@ -156,21 +182,20 @@ bool TransferJournal::exec(const char* sql) {
 std::vector<JournalTask> TransferJournal::adoptSession(
     const TransferSessionConfiguration& configuration) {
   std::lock_guard lock(mutex_);
-  Statement(db_,
-            "INSERT INTO sessions(identifier, allows_cellular, maximum_connections) "
-            "VALUES(?, ?, ?) ON CONFLICT(identifier) DO UPDATE SET "
-            "allows_cellular = excluded.allows_cellular, "
-            "maximum_connections = excluded.maximum_connections")
+  Statement(db_, prepared("INSERT INTO sessions(identifier, allows_cellular, maximum_connections) "
+                          "VALUES(?, ?, ?) ON CONFLICT(identifier) DO UPDATE SET "
+                          "allows_cellular = excluded.allows_cellular, "
+                          "maximum_connections = excluded.maximum_connections"))
       .bind(configuration.identifier)
       .bind(int64_t{configuration.allowsCellularAccess})
       .bind(int64_t{configuration.maximumConnections})
       .run();
   std::vector<JournalTask> tasks;
   Statement select(db_,
-                   "SELECT task_id, description, url, request_headers, timeout_ms, state, "
-                   "phase, file, validator, expected, status, response_headers, received, "
-                   "error_domain, error_code, error_text FROM tasks WHERE session = ? "
-                   "ORDER BY task_id");
+                   prepared("SELECT task_id, description, url, request_headers, timeout_ms, state, "
+                            "phase, file, validator, expected, status, response_headers, received, "
+                            "error_domain, error_code, error_text FROM tasks WHERE session = ? "
+                            "ORDER BY task_id"));
   select.bind(configuration.identifier);
   while (select.row()) {
     sqlite3_stmt* s = select.get();
@@ -200,23 +225,23 @@ std::vector<JournalTask> TransferJournal::adoptSession(
 
 void TransferJournal::removeSession(const std::string& identifier) {
   std::lock_guard lock(mutex_);
-  Statement(db_, "DELETE FROM tasks WHERE session = ?").bind(identifier).run();
-  Statement(db_, "DELETE FROM sessions WHERE identifier = ?").bind(identifier).run();
+  Statement(db_, prepared("DELETE FROM tasks WHERE session = ?")).bind(identifier).run();
+  Statement(db_, prepared("DELETE FROM sessions WHERE identifier = ?")).bind(identifier).run();
 }
 
 uint64_t TransferJournal::nextTaskId(const std::string& session) {
   std::lock_guard lock(mutex_);
-  Statement select(db_, "SELECT COALESCE(MAX(task_id), 0) + 1 FROM tasks WHERE session = ?");
+  Statement select(db_,
+                   prepared("SELECT COALESCE(MAX(task_id), 0) + 1 FROM tasks WHERE session = ?"));
   select.bind(session);
   return select.row() ? static_cast<uint64_t>(sqlite3_column_int64(select.get(), 0)) : 1;
 }
 
 bool TransferJournal::insertTask(const JournalTask& task) {
   std::lock_guard lock(mutex_);
-  return Statement(db_,
-                   "INSERT OR REPLACE INTO tasks(session, task_id, description, url, "
-                   "request_headers, timeout_ms, state, phase, file) "
-                   "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)")
+  return Statement(db_, prepared("INSERT OR REPLACE INTO tasks(session, task_id, description, url, "
+                                 "request_headers, timeout_ms, state, phase, file) "
+                                 "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)"))
       .bind(task.session)
       .bind(static_cast<int64_t>(task.taskId))
       .bind(task.description)
@@ -232,7 +257,7 @@ bool TransferJournal::insertTask(const JournalTask& task) {
 void TransferJournal::setDescription(const std::string& session, uint64_t taskId,
                                      const std::string& description) {
   std::lock_guard lock(mutex_);
-  Statement(db_, "UPDATE tasks SET description = ? WHERE session = ? AND task_id = ?")
+  Statement(db_, prepared("UPDATE tasks SET description = ? WHERE session = ? AND task_id = ?"))
       .bind(description)
       .bind(session)
       .bind(static_cast<int64_t>(taskId))
@@ -242,7 +267,7 @@ void TransferJournal::setDescription(const std::string& session, uint64_t taskId
 void TransferJournal::setState(const std::string& session, uint64_t taskId,
                                TransferTaskState state) {
   std::lock_guard lock(mutex_);
-  Statement(db_, "UPDATE tasks SET state = ? WHERE session = ? AND task_id = ?")
+  Statement(db_, prepared("UPDATE tasks SET state = ? WHERE session = ? AND task_id = ?"))
       .bind(static_cast<int64_t>(state))
       .bind(session)
       .bind(static_cast<int64_t>(taskId))
@@ -252,9 +277,8 @@ void TransferJournal::setState(const std::string& session, uint64_t taskId,
 void TransferJournal::setPartial(const std::string& session, uint64_t taskId,
                                  const std::string& validator, int64_t expected) {
   std::lock_guard lock(mutex_);
-  Statement(db_,
-            "UPDATE tasks SET phase = ?, validator = ?, expected = ? "
-            "WHERE session = ? AND task_id = ?")
+  Statement(db_, prepared("UPDATE tasks SET phase = ?, validator = ?, expected = ? "
+                          "WHERE session = ? AND task_id = ?"))
       .bind(static_cast<int64_t>(validator.empty() ? TransferPhase::kPending
                                                    : TransferPhase::kPartial))
       .bind(validator)
@@ -271,8 +295,8 @@ void TransferJournal::restartFromZero(const std::string& session, uint64_t taskI
 void TransferJournal::setDownloaded(const JournalTask& task) {
   std::lock_guard lock(mutex_);
   Statement(db_,
-            "UPDATE tasks SET state = ?, phase = ?, status = ?, response_headers = ?, "
-            "received = ?, expected = ? WHERE session = ? AND task_id = ?")
+            prepared("UPDATE tasks SET state = ?, phase = ?, status = ?, response_headers = ?, "
+                     "received = ?, expected = ? WHERE session = ? AND task_id = ?"))
       .bind(static_cast<int64_t>(TransferTaskState::kCompleted))
       .bind(static_cast<int64_t>(TransferPhase::kDownloaded))
       .bind(static_cast<int64_t>(task.response.statusCode))
@@ -288,8 +312,8 @@ void TransferJournal::setFailed(const std::string& session, uint64_t taskId,
                                 const ErrorPtr& error) {
   std::lock_guard lock(mutex_);
   Statement(db_,
-            "UPDATE tasks SET state = ?, phase = ?, error_domain = ?, error_code = ?, "
-            "error_text = ? WHERE session = ? AND task_id = ?")
+            prepared("UPDATE tasks SET state = ?, phase = ?, error_domain = ?, error_code = ?, "
+                     "error_text = ? WHERE session = ? AND task_id = ?"))
       .bind(static_cast<int64_t>(TransferTaskState::kCompleted))
       .bind(static_cast<int64_t>(TransferPhase::kFailed))
       .bind(error ? error->domain : std::string(kURLLoadingErrorDomain))
@@ -302,7 +326,7 @@ void TransferJournal::setFailed(const std::string& session, uint64_t taskId,
 
 void TransferJournal::removeTask(const std::string& session, uint64_t taskId) {
   std::lock_guard lock(mutex_);
-  Statement(db_, "DELETE FROM tasks WHERE session = ? AND task_id = ?")
+  Statement(db_, prepared("DELETE FROM tasks WHERE session = ? AND task_id = ?"))
       .bind(session)
       .bind(static_cast<int64_t>(taskId))
       .run();
@@ -311,7 +335,7 @@ void TransferJournal::removeTask(const std::string& session, uint64_t taskId) {
 std::vector<std::filesystem::path> TransferJournal::referencedFiles() {
   std::lock_guard lock(mutex_);
   std::vector<std::filesystem::path> files;
-  Statement select(db_, "SELECT file FROM tasks");
+  Statement select(db_, prepared("SELECT file FROM tasks"));
   while (select.row()) files.emplace_back(text(select.get(), 0));
   return files;
 }
@@ -319,7 +343,7 @@ std::vector<std::filesystem::path> TransferJournal::referencedFiles() {
 std::vector<std::filesystem::path> TransferJournal::referencedFiles(const std::string& session) {
   std::lock_guard lock(mutex_);
   std::vector<std::filesystem::path> files;
-  Statement select(db_, "SELECT file FROM tasks WHERE session = ?");
+  Statement select(db_, prepared("SELECT file FROM tasks WHERE session = ?"));
   select.bind(session);
   while (select.row()) files.emplace_back(text(select.get(), 0));
   return files;
@@ -328,7 +352,8 @@ std::vector<std::filesystem::path> TransferJournal::referencedFiles(const std::s
 std::vector<std::string> TransferJournal::sessionIdentifiers() {
   std::lock_guard lock(mutex_);
   std::vector<std::string> identifiers;
-  Statement select(db_, "SELECT identifier FROM sessions UNION SELECT session FROM tasks");
+  Statement select(db_,
+                   prepared("SELECT identifier FROM sessions UNION SELECT session FROM tasks"));
   while (select.row()) identifiers.push_back(text(select.get(), 0));
   return identifiers;
 }

@@ -1,7 +1,7 @@
 // The transfer journal: one SQLite file (WAL) that records every session and task of the
 // transfer service, so that a new process adopts them. Each write is its own transaction and is
-// committed before the call returns. One connection, guarded by the journal's mutex; safe from
-// any thread.
+// committed before the call returns. One connection and its prepared statements, guarded by the
+// journal's mutex; safe from any thread.
 #pragma once
 
 #include <cstdint>
@@ -10,12 +10,14 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/net/transfer_types.h"
 #include "sonorell/error.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace sonorell {
 
@@ -79,9 +81,12 @@ class TransferJournal {
  private:
   explicit TransferJournal(sqlite3* db) : db_(db) {}
   bool exec(const char* sql);
+  // The prepared statement for the text, made on first use; with mutex_ held.
+  sqlite3_stmt* prepared(const char* sql);
 
   std::mutex mutex_;
-  sqlite3* db_;  // guarded by mutex_
+  sqlite3* db_;                                                // guarded by mutex_
+  std::unordered_map<std::string, sqlite3_stmt*> statements_;  // guarded by mutex_
 };
 
 }  // namespace sonorell
