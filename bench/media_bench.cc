@@ -5,6 +5,7 @@
 // the file (the player's pipeline without the loader), read system calls per MB served, and the
 // time from play to the first decoded buffer from disk and streamed over loopback HTTPS from the
 // reference server.
+#include <gst/audio/audio.h>
 #include <gst/gst.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -41,6 +42,8 @@ using namespace sonorell;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kRuns = 5;
+// The machine may be shared: CPU medians are taken over more runs than start times.
+constexpr int kCpuRuns = 15;
 
 double cpuMs() {
   rusage usage{};
@@ -130,8 +133,22 @@ std::string playbinPipeline(const std::filesystem::path& file) {
          "\" flags=0x12 audio-filter=scaletempo audio-sink=\"fakesink sync=false\"";
 }
 
-Run playThroughPipeline(const std::string& description, bool timeFirstBuffer) {
+// After a stream's first second the player has its decoder gather half a second of audio per
+// buffer; a playbin standing for the player's pipeline gathers as much throughout.
+void decodeLikeThePlayer(GstElement* pipeline) {
+  g_signal_connect(pipeline, "deep-element-added",
+                   G_CALLBACK(+[](GstBin*, GstBin*, GstElement* element, gpointer) {
+                     if (GST_IS_AUDIO_DECODER(element)) {
+                       g_object_set(element, "min-latency", gint64{500 * GST_MSECOND}, nullptr);
+                     }
+                   }),
+                   nullptr);
+}
+
+Run playThroughPipeline(const std::string& description, bool timeFirstBuffer,
+                        bool likePlayer = false) {
   GstElement* pipeline = gst_parse_launch(description.c_str(), nullptr);
+  if (likePlayer) decodeLikeThePlayer(pipeline);
   std::optional<Clock::time_point> firstBuffer;
   if (timeFirstBuffer) {
     GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "sink");
@@ -220,15 +237,33 @@ int main() {
   std::printf("chapter: %.1f s, %.2f MB (%s)\n", content::decodedDurationMs(file) / 1e3, megabytes,
               file.c_str());
 
+  // BENCH_ONLY=loader|filesrc|playbin runs one path alone, many times: a steady load to profile.
+  if (const char* only = std::getenv("BENCH_ONLY")) {
+    const std::string which = only;
+    auto once = [&] {
+      if (which == "loader")
+        return playThroughLoader("qlso://" + file.filename().string(), urls, false);
+      if (which == "filesrc") return playThroughPipeline(filesrcPipeline(file), false);
+      return playThroughPipeline(playbinPipeline(file), false, true);
+    };
+    once();
+    std::vector<Run> runs;
+    for (int i = 0; i < kCpuRuns * 2; ++i) runs.push_back(once());
+    report(only, runs, megabytes);
+    server.stop();
+    std::filesystem::remove_all(library);
+    return 0;
+  }
+
   // One warm-up each, so that plugin loading is in neither measurement.
   playThroughLoader("qlso://" + file.filename().string(), urls, false);
   playThroughPipeline(filesrcPipeline(file), false);
-  playThroughPipeline(playbinPipeline(file), false);
+  playThroughPipeline(playbinPipeline(file), false, true);
   std::vector<Run> loader, filesrc, playbin;
-  for (int i = 0; i < kRuns; ++i) {
+  for (int i = 0; i < kCpuRuns; ++i) {
     loader.push_back(playThroughLoader("qlso://" + file.filename().string(), urls, false));
     filesrc.push_back(playThroughPipeline(filesrcPipeline(file), false));
-    playbin.push_back(playThroughPipeline(playbinPipeline(file), false));
+    playbin.push_back(playThroughPipeline(playbinPipeline(file), false, true));
   }
   report("disk via resource loader", loader, megabytes);
   report("filesrc pipeline", filesrc, megabytes);

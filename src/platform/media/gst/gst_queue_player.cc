@@ -28,6 +28,16 @@ constexpr auto kStallCheckInterval = std::chrono::milliseconds(100);
 constexpr auto kProbeWaitLimit = std::chrono::seconds(5);
 // playbin's GstPlayFlags: audio and software volume, no video or subtitles.
 constexpr guint kPlayFlagsAudioOnly = 0x2 | 0x10;
+// How much decoded audio the decoder gathers into one buffer. An MP3 frame lasts 26 ms, and each
+// buffer costs a hand-off to playsink's queue thread and a pass through every element after the
+// decoder: at one frame a buffer that overhead cost as much as the decoding. Half a second is
+// decoded in well under a millisecond; when bytes stop coming, at most this much decoded audio
+// waits in the decoder for the rest of its buffer.
+constexpr gint64 kDecodedBufferNs = 500 * GST_MSECOND;
+// A stream's first second goes out frame by frame: the player applies its rate and any pending
+// seek right after the preroll, with a flush, and what had gone ahead to the sink by then is
+// thrown away. Small buffers there keep that to a frame or two.
+constexpr GstClockTime kUnbatchedLeadNs = GST_SECOND;
 
 void ensureGstInitialized() {
   static std::once_flag once;
@@ -35,6 +45,30 @@ void ensureGstInitialized() {
 }
 
 void deleteWeak(gpointer data) { delete static_cast<WeakPlayer*>(data); }
+
+// Counts a decoder's output until its first second has gone out, then has it gather buffers.
+void batchDecodedAudio(GstElement* element) {
+  if (!GST_IS_AUDIO_DECODER(element)) return;
+  GstPad* pad = gst_element_get_static_pad(element, "src");
+  if (!pad) return;
+  // Buffers leave a decoder one at a time, under its stream lock: the count needs no lock.
+  gst_pad_add_probe(
+      pad, GST_PAD_PROBE_TYPE_BUFFER,
+      [](GstPad* probePad, GstPadProbeInfo* info, gpointer data) -> GstPadProbeReturn {
+        auto* sent = static_cast<GstClockTime*>(data);
+        GstClockTime duration = GST_BUFFER_DURATION(GST_PAD_PROBE_INFO_BUFFER(info));
+        if (GST_CLOCK_TIME_IS_VALID(duration)) *sent += duration;
+        if (*sent < kUnbatchedLeadNs) return GST_PAD_PROBE_OK;
+        GstObject* decoder = gst_pad_get_parent(probePad);
+        if (decoder) {
+          g_object_set(decoder, "min-latency", kDecodedBufferNs, nullptr);
+          gst_object_unref(decoder);
+        }
+        return GST_PAD_PROBE_REMOVE;
+      },
+      new GstClockTime(0), [](gpointer data) { delete static_cast<GstClockTime*>(data); });
+  gst_object_unref(pad);
+}
 
 // Set while a GStreamer thread runs one of our callbacks. If the player's last reference is
 // dropped there, its pipeline must be stopped from another thread: GStreamer cannot join a
@@ -205,10 +239,12 @@ bool GstQueuePlayer::build() {
       children, [](const GValue* item, gpointer) { nameStream(g_value_get_object(item)); },
       nullptr);
   gst_iterator_free(children);
-  g_signal_connect(
-      gst_->playbin, "deep-element-added",
-      G_CALLBACK(+[](GstBin*, GstBin*, GstElement* element, gpointer) { nameStream(element); }),
-      nullptr);
+  g_signal_connect(gst_->playbin, "deep-element-added",
+                   G_CALLBACK(+[](GstBin*, GstBin*, GstElement* element, gpointer) {
+                     nameStream(element);
+                     batchDecodedAudio(element);
+                   }),
+                   nullptr);
 
   WeakPlayer weak = weak_from_this();
   GstPad* pad = gst_element_get_static_pad(gst_->sink, "sink");

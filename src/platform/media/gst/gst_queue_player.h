@@ -1,14 +1,15 @@
-// The GStreamer backend: one playbin per player. Each item's bytes come through its resource
-// loader (appsrc, seekable) or, when the loader redirects, through an HTTP source
-// sending the redirect's headers and trusting the system's CAs plus the host's bundle; decodebin
-// parses and decodes MP3, scaletempo keeps the pitch at other rates, and the next queued item is
+// The GStreamer backend: one playbin per player. Each item's bytes come through its resource loader
+// (appsrc, seekable) or, when the loader redirects, through an HTTP source sending the redirect's
+// headers and trusting the system's CAs plus the host's bundle; decodebin parses and decodes MP3
+// (half a second of audio to a buffer after a stream's first second, so that playsink's threads are
+// not woken per frame), scaletempo keeps the pitch at other rates, and the next queued item is
 // handed to playbin before the current one drains, so the advance is gapless. The sink comes from
 // $SONORELL_AUDIO_SINK (default autoaudiosink). On a PulseAudio sink the stream carries the
-// engine's name, icon and role; the server's requests to cork or uncork it are the audio
-// session's interruptions, and a sink that loses its server after playing stalls the player
-// rather than failing the item (the session's reset starts playback again). State is guarded by
-// mutex_; every pipeline call runs on queue_, never under mutex_, because GStreamer calls back
-// into the player from its streaming threads.
+// engine's name, icon and role; the server's requests to cork or uncork it are the audio session's
+// interruptions, and a sink that loses its server after playing stalls the player rather than
+// failing the item (the session's reset starts playback again). State is guarded by mutex_; every
+// pipeline call runs on queue_, never under mutex_, because GStreamer calls back into the player
+// from its streaming threads.
 #pragma once
 
 #include <cstdint>
