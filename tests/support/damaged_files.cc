@@ -10,6 +10,12 @@ namespace sonorell::testing {
 
 namespace fs = std::filesystem;
 
+std::vector<DamageCase> damageCases() {
+  return {{"Garbage", Damage::kGarbage},
+          {"Truncated", Damage::kTruncated},
+          {"Directory", Damage::kDirectory}};
+}
+
 std::string readBytes(const fs::path& file) {
   std::ifstream in(file, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});

@@ -5,10 +5,26 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <ostream>
 #include <string>
 #include <vector>
 
 namespace sonorell::testing {
+
+// How a store's file is damaged in the parameterised store tests: random bytes, cut in half, or a
+// directory in its place (which no program can open as a file).
+enum class Damage { kGarbage, kTruncated, kDirectory };
+
+struct DamageCase {
+  std::string name;
+  Damage damage;
+};
+
+inline void PrintTo(const DamageCase& c, std::ostream* out) { *out << c.name; }
+
+// The three cases, and their names for INSTANTIATE_TEST_SUITE_P.
+std::vector<DamageCase> damageCases();
+inline std::string damageCaseName(const auto& info) { return info.param.name; }
 
 std::string readBytes(const std::filesystem::path& file);
 

@@ -110,17 +110,8 @@ TEST_F(ObjectStoreTest, StoreOlderThanAnyStepIsDeletedAndRecreatedEmpty) {
 
 // --- Damaged stores ---
 
-enum class Damage { kGarbage, kTruncated, kDirectory };
-
-struct DamagedStore {
-  std::string name;
-  Damage damage;
-};
-
-void PrintTo(const DamagedStore& c, std::ostream* out) { *out << c.name; }
-
 class DamagedObjectStore : public ObjectStoreTest,
-                           public ::testing::WithParamInterface<DamagedStore> {
+                           public ::testing::WithParamInterface<DamageCase> {
  protected:
   // Damages the store file and returns the bytes it then holds (none for a directory).
   std::string damage(Damage how) {
@@ -177,13 +168,8 @@ TEST_P(DamagedObjectStore, IsKeptAsideForANewStoreUnlessItCannotBeOpenedAtAll) {
   EXPECT_EQ(logged("the store could not be opened"), 0u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Damage, DamagedObjectStore,
-                         ::testing::Values(DamagedStore{"Garbage", Damage::kGarbage},
-                                           DamagedStore{"Truncated", Damage::kTruncated},
-                                           DamagedStore{"Directory", Damage::kDirectory}),
-                         [](const ::testing::TestParamInfo<DamagedStore>& info) {
-                           return info.param.name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Damage, DamagedObjectStore, ::testing::ValuesIn(damageCases()),
+                         damageCaseName<::testing::TestParamInfo<DamageCase>>);
 
 // --- The title step itself ---
 

@@ -233,29 +233,20 @@ TEST_F(TransferResumption, AResumeTheServerCannotHonourRestartsFromZero) {
 
 // --- A damaged journal ---
 
-enum class JournalDamage { kGarbage, kTruncated, kDirectory };
-
-struct DamagedJournal {
-  std::string name;
-  JournalDamage damage;
-};
-
-void PrintTo(const DamagedJournal& c, std::ostream* out) { *out << c.name; }
-
 class DamagedJournals : public TransferResumption,
-                        public ::testing::WithParamInterface<DamagedJournal> {
+                        public ::testing::WithParamInterface<DamageCase> {
  protected:
   std::filesystem::path journal() const {
     return library.path() / "SonorellSupport" / "TransferJournal.sqlite";
   }
 
   // Damages the journal file and returns the bytes it then holds (none for a directory).
-  std::string damage(JournalDamage how) {
+  std::string damage(Damage how) {
     std::filesystem::create_directories(journal().parent_path());
     switch (how) {
-      case JournalDamage::kGarbage:
+      case Damage::kGarbage:
         return fillWithGarbage(journal(), 11);
-      case JournalDamage::kTruncated: {
+      case Damage::kTruncated: {
         // A journal an earlier run wrote, all of it in the main file, cut in half.
         startService();
         auto earlier = service->sessionWithConfiguration(configuration("QLSO_earlier"), delegate);
@@ -265,7 +256,7 @@ class DamagedJournals : public TransferResumption,
         EXPECT_TRUE(DispatchQueue::waitUntilAllIdle(std::chrono::seconds(30)));
         return truncateInHalf(journal());
       }
-      case JournalDamage::kDirectory:
+      case Damage::kDirectory:
         std::filesystem::create_directory(journal());
         return {};
     }
@@ -276,7 +267,7 @@ class DamagedJournals : public TransferResumption,
 TEST_P(DamagedJournals, AreKeptAsideAndTheNewJournalResumesTransfersUnlessItCannotBeOpened) {
   const std::string damaged = damage(GetParam().damage);
   testing::PlatformLogLines log;
-  if (GetParam().damage == JournalDamage::kDirectory) {
+  if (GetParam().damage == Damage::kDirectory) {
     // Moving it would not help: what stops the journal is the file system, not the bytes.
     TransferServiceOptions options;
     options.reachability = reachability;
@@ -315,13 +306,8 @@ TEST_P(DamagedJournals, AreKeptAsideAndTheNewJournalResumesTransfersUnlessItCann
   EXPECT_NE(requests[1].header("Range"), "bytes=0-");
 }
 
-INSTANTIATE_TEST_SUITE_P(Journal, DamagedJournals,
-                         ::testing::Values(DamagedJournal{"Garbage", JournalDamage::kGarbage},
-                                           DamagedJournal{"Truncated", JournalDamage::kTruncated},
-                                           DamagedJournal{"Directory", JournalDamage::kDirectory}),
-                         [](const ::testing::TestParamInfo<DamagedJournal>& info) {
-                           return info.param.name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Journal, DamagedJournals, ::testing::ValuesIn(damageCases()),
+                         damageCaseName<::testing::TestParamInfo<DamageCase>>);
 
 }  // namespace
 }  // namespace sonorell::testing
