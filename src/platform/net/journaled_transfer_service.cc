@@ -151,7 +151,7 @@ std::shared_ptr<TransferService> TransferService::create(TransferServiceOptions 
   }
   bool notADatabase = false;
   std::shared_ptr<TransferJournal> journal =
-      TransferJournal::open(options.journalFile, error, &notADatabase);
+      TransferJournal::open(options.journalFile, error, &notADatabase, options.freeSpace);
   if (!journal && notADatabase) {
     // Its transfers are lost either way; a new journal keeps the ones started from now on, and
     // the old bytes stay for a person to look at.
@@ -159,7 +159,7 @@ std::shared_ptr<TransferService> TransferService::create(TransferServiceOptions 
     transfer_log::error("[TransferService] %@ is not a database; kept as %@, starting a new one",
                         options.journalFile.string(), kept.description());
     if (error) *error = nullptr;
-    journal = TransferJournal::open(options.journalFile, error);
+    journal = TransferJournal::open(options.journalFile, error, nullptr, options.freeSpace);
   }
   if (!journal) return nullptr;
   return std::make_shared<JournaledTransferService>(std::move(options), std::move(journal));

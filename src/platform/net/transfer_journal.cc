@@ -107,7 +107,8 @@ class Statement {
 }  // namespace
 
 std::unique_ptr<TransferJournal> TransferJournal::open(const std::filesystem::path& file,
-                                                       ErrorPtr* error, bool* notADatabase) {
+                                                       ErrorPtr* error, bool* notADatabase,
+                                                       FreeSpaceProbe freeSpace) {
   if (notADatabase) *notADatabase = false;
   std::error_code ec;
   const bool created = !std::filesystem::exists(file, ec) && !ec;
@@ -125,17 +126,17 @@ std::unique_ptr<TransferJournal> TransferJournal::open(const std::filesystem::pa
     return nullptr;
   }
   sqlite3_busy_timeout(db, 5000);
-  std::unique_ptr<TransferJournal> journal(new TransferJournal(db));
-  // WAL with NORMAL sync: a commit survives the process being killed at any instant. The log is
-  // checkpointed every 64 pages and kept to 256 kB: the default lets it reach 4 MB, which on a
-  // nearly full disk takes the room that chapters need. The pragmas are the first read of the
-  // file and the schema reads all of its description, so a file that is not a database, or is
-  // damaged there, fails here.
+  std::unique_ptr<TransferJournal> journal(new TransferJournal(
+      db, file.parent_path(), freeSpace ? std::move(freeSpace) : freeSpaceOnFileSystem));
+  // WAL with NORMAL sync: a commit survives the process being killed at any instant. logGrew
+  // decides when the log is checkpointed, and the file is cut back to 256 kB after each
+  // checkpoint. The pragmas are the first read of the file and the schema reads all of its
+  // description, so a file that is not a database, or is damaged there, fails here.
   // A file made just now holds nothing yet: turning it to WAL need not sync it, its directory
   // and a rollback journal (a file cut short by a power cut is kept aside like any damaged one).
   if ((created && !journal->exec("PRAGMA synchronous=OFF")) ||
       !journal->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; "
-                     "PRAGMA wal_autocheckpoint=64; PRAGMA journal_size_limit=262144;") ||
+                     "PRAGMA journal_size_limit=262144;") ||
       !journal->exec(kSchema)) {
     const int code = sqlite3_errcode(db) & 0xff;
     if (notADatabase) *notADatabase = code == SQLITE_NOTADB || code == SQLITE_CORRUPT;
@@ -146,7 +147,34 @@ std::unique_ptr<TransferJournal> TransferJournal::open(const std::filesystem::pa
     }
     return nullptr;
   }
+  if (sqlite3_stmt* pageSize = nullptr;
+      sqlite3_prepare_v2(db, "PRAGMA page_size", -1, &pageSize, nullptr) == SQLITE_OK) {
+    if (sqlite3_step(pageSize) == SQLITE_ROW)
+      journal->pageSize_ = sqlite3_column_int64(pageSize, 0);
+    sqlite3_finalize(pageSize);
+  }
+  sqlite3_wal_hook(db, &TransferJournal::logGrew, journal.get());
   return journal;
+}
+
+int TransferJournal::logGrew(void* context, sqlite3* db, const char*, int pages) {
+  // A checkpoint syncs the log and the file while every writer waits, the transfer loop among
+  // them: at every 256 kB that was a dozen checkpoints and about 10 ms for a 60-chapter book.
+  // So the log may grow to SQLite's usual 4 MB, except on a disk so nearly full that those
+  // megabytes are room a chapter needs.
+  constexpr int64_t kShortLog = 256 << 10;
+  constexpr int64_t kLongLog = 4 << 20;
+  constexpr uint64_t kNearlyFull = 64 << 20;
+  const auto* journal = static_cast<const TransferJournal*>(context);
+  const int64_t bytes = int64_t{pages} * journal->pageSize_;
+  if (bytes < kShortLog) return SQLITE_OK;
+  if (bytes < kLongLog) {
+    const auto free = journal->freeSpace_(journal->directory_);
+    if (free && *free >= kNearlyFull) return SQLITE_OK;
+  }
+  // Passive, as SQLite's own automatic checkpoint: readers are not waited for.
+  sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+  return SQLITE_OK;
 }
 
 TransferJournal::~TransferJournal() {

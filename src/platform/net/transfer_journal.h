@@ -13,6 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/net/transfer_driver.h"
 #include "platform/net/transfer_types.h"
 #include "sonorell/error.h"
 
@@ -48,10 +49,12 @@ class TransferJournal {
  public:
   // Opens (creating) the file. Null, with `error` set, when it cannot be opened; `notADatabase`
   // then says whether that was the file's content (not a database, or damaged where its tables
-  // are described) rather than the file system refusing it.
+  // are described) rather than the file system refusing it. `freeSpace` (statvfs when null)
+  // tells how much room the file's disk has left, which decides how long the log may grow.
   static std::unique_ptr<TransferJournal> open(const std::filesystem::path& file,
                                                ErrorPtr* error = nullptr,
-                                               bool* notADatabase = nullptr);
+                                               bool* notADatabase = nullptr,
+                                               FreeSpaceProbe freeSpace = nullptr);
   ~TransferJournal();
   TransferJournal(const TransferJournal&) = delete;
   TransferJournal& operator=(const TransferJournal&) = delete;
@@ -79,14 +82,20 @@ class TransferJournal {
   std::vector<std::string> sessionIdentifiers();
 
  private:
-  explicit TransferJournal(sqlite3* db) : db_(db) {}
+  TransferJournal(sqlite3* db, std::filesystem::path directory, FreeSpaceProbe freeSpace)
+      : db_(db), directory_(std::move(directory)), freeSpace_(std::move(freeSpace)) {}
   bool exec(const char* sql);
+  // SQLite's commit hook, with mutex_ held: checkpoints the log once it is long enough.
+  static int logGrew(void* journal, sqlite3* db, const char* name, int pages);
   // The prepared statement for the text, made on first use; with mutex_ held.
   sqlite3_stmt* prepared(const char* sql);
 
   std::mutex mutex_;
   sqlite3* db_;                                                // guarded by mutex_
   std::unordered_map<std::string, sqlite3_stmt*> statements_;  // guarded by mutex_
+  const std::filesystem::path directory_;
+  const FreeSpaceProbe freeSpace_;
+  int64_t pageSize_ = 4096;  // set in open(), before the first write
 };
 
 }  // namespace sonorell

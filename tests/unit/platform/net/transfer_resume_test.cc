@@ -2,17 +2,20 @@
 // next process with Range/If-Range; a finished file nobody handled is delivered once more; a
 // suspended transfer asks only for the rest, and starts over when the file changed on the
 // server or the server ignored the range. A journal that is no longer a database is kept aside
-// and a new one keeps transfers from then on.
+// and a new one keeps transfers from then on. The journal's log stays short on a nearly full
+// disk.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <future>
 
 #include "platform/log/platform_log.h"
+#include "platform/net/transfer_journal.h"
 #include "support/child_process.h"
 #include "support/damaged_files.h"
 #include "support/platform_log_lines.h"
 #include "support/raw_sqlite.h"
+#include "support/temp_library.h"
 #include "transfer_test_support.h"
 
 namespace sonorell::testing {
@@ -304,6 +307,47 @@ TEST_P(DamagedJournals, AreKeptAsideAndTheNewJournalResumesTransfersUnlessItCann
   ASSERT_EQ(requests.size(), 2u);
   ASSERT_TRUE(requests[1].header("Range"));
   EXPECT_NE(requests[1].header("Range"), "bytes=0-");
+}
+
+// The longest the journal's log gets while a book's worth of transfers is journaled, each task
+// written as a transfer writes it, on a disk with `free` bytes left.
+uintmax_t longestLog(uint64_t free) {
+  TempLibrary library;
+  const auto file = library.path() / "TransferJournal.sqlite";
+  auto journal = TransferJournal::open(
+      file, nullptr, nullptr, [free](const auto&) { return std::optional<uint64_t>(free); });
+  if (!journal) return 0;
+  std::filesystem::path wal = file;
+  wal += "-wal";
+  uintmax_t longest = 0;
+  for (uint64_t id = 1; id <= 600; ++id) {
+    JournalTask task;
+    task.session = "QLSO_log";
+    task.taskId = id;
+    task.request.url = "https://127.0.0.1/audio/2001/1/" + std::to_string(id) + ".mp3";
+    task.file = library.path() / ("transfer-" + std::to_string(id) + ".tmp");
+    journal->insertTask(task);
+    journal->setState(task.session, id, TransferTaskState::kRunning);
+    journal->setPartial(task.session, id, "\"etag\"", 100000);
+    task.received = task.expected = 100000;
+    journal->setDownloaded(task);
+    journal->removeTask(task.session, id);
+    std::error_code ec;
+    longest = std::max(longest, std::filesystem::file_size(wal, ec));
+  }
+  return longest;
+}
+
+TEST(TransferJournalLog, StaysNear256kBOnANearlyFullDiskAndUnder4MBElsewhere) {
+  constexpr uintmax_t kOneCommit = 32 << 10;  // the frames a write adds past the limit
+  const uintmax_t nearlyFull = longestLog(8 << 20);
+  EXPECT_GT(nearlyFull, 0u);
+  EXPECT_LE(nearlyFull, (256u << 10) + kOneCommit);
+  // Elsewhere it grows longer between checkpoints (each one syncs twice while writers wait),
+  // but not without bound.
+  const uintmax_t roomy = longestLog(uint64_t{10} << 30);
+  EXPECT_GT(roomy, 1u << 20);
+  EXPECT_LE(roomy, (4u << 20) + kOneCommit);
 }
 
 INSTANTIATE_TEST_SUITE_P(Journal, DamagedJournals, ::testing::ValuesIn(damageCases()),
