@@ -83,12 +83,16 @@ bool LibraryDirectory::createDirectories(const std::filesystem::path& dir, std::
     error = std::make_error_code(std::errc::invalid_argument);
     return false;
   }
-  std::filesystem::path partial;
-  for (const auto& piece : dir) {
-    partial /= piece;
-    if (::mkdir(partial.c_str(), 0700) != 0 && errno != EEXIST) {
-      error = std::error_code(errno, std::generic_category());
-      return false;
+  // Usually the directory is there already (each chapter asks for its book's): one call then.
+  if (::mkdir(dir.c_str(), 0700) == 0) return true;
+  if (errno != EEXIST) {
+    std::filesystem::path partial;
+    for (const auto& piece : dir) {
+      partial /= piece;
+      if (::mkdir(partial.c_str(), 0700) != 0 && errno != EEXIST) {
+        error = std::error_code(errno, std::generic_category());
+        return false;
+      }
     }
   }
   if (!std::filesystem::is_directory(dir, error)) {
