@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -282,12 +281,6 @@ class TransferJob final : public CurlJob {
 };
 
 }  // namespace
-
-std::optional<uint64_t> freeSpaceOnFileSystem(const std::filesystem::path& directory) {
-  struct statvfs info {};
-  if (::statvfs(directory.c_str(), &info) != 0) return std::nullopt;
-  return uint64_t(info.f_bavail) * uint64_t(info.f_frsize);
-}
 
 std::shared_ptr<TransferDriver> TransferDriver::create(FreeSpaceProbe freeSpace,
                                                        std::shared_ptr<CurlLoop> loop) {

@@ -11,16 +11,13 @@
 #include <optional>
 #include <string>
 
+#include "platform/foundation/free_space.h"
 #include "platform/net/transfer_types.h"
 #include "sonorell/error.h"
 
 namespace sonorell {
 
 class CurlLoop;
-
-// Bytes free for a new file in the directory, or none when it cannot be told.
-using FreeSpaceProbe = std::function<std::optional<uint64_t>(const std::filesystem::path&)>;
-std::optional<uint64_t> freeSpaceOnFileSystem(const std::filesystem::path& directory);
 
 struct TransferJobSpec {
   TransferRequest request;

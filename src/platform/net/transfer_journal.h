@@ -13,7 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/net/transfer_driver.h"
+#include "platform/foundation/free_space.h"
 #include "platform/net/transfer_types.h"
 #include "sonorell/error.h"
 
